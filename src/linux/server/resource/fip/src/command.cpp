@@ -1,0 +1,231 @@
+#include "command.h"
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char **environ;
+
+namespace
+{
+
+long long now_ms()
+{
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * 1000LL + now.tv_nsec / 1'000'000;
+}
+
+/// Ends the command and everything that it started.
+void kill_group(const command &cmd)
+{
+    kill(-cmd.pid, SIGKILL);
+}
+
+/// Waits until `fd` is ready. At the deadline the command is killed.
+/// @return false when it was
+bool wait_ready(command *cmd, int fd)
+{
+    while (cmd->deadline != 0) {
+        const long long left = cmd->deadline - now_ms();
+        if (left <= 0) {
+            kill_group(*cmd);
+            cmd->deadline = 0;
+            return false;
+        }
+        pollfd pfd = {fd, POLLIN, 0};
+        const int ready = poll(&pfd, 1, left < INT_MAX ? static_cast<int>(left) : INT_MAX);
+        if (ready > 0 || (ready < 0 && errno != EINTR)) {
+            break;
+        }
+    }
+    return true;
+}
+
+/// Fills the buffer. @return false at the end of the output, or of the command's time: something that it left
+/// running may hold the pipe open for ever
+bool fill_buffer(command *cmd)
+{
+    ssize_t got = -1;
+    do {
+        if (!wait_ready(cmd, cmd->out.fd)) {
+            cmd->out.reset();
+            return false;
+        }
+        got = read(cmd->out.fd, cmd->buf, sizeof(cmd->buf));
+    } while (got < 0 && errno == EINTR);
+    cmd->have = got > 0 ? static_cast<std::size_t>(got) : 0;
+    cmd->from = 0;
+    return got > 0;
+}
+
+/// What the shell is started with: its own process group, signals as a fresh process has them, no input.
+struct spawn_setup {
+    spawn_setup()
+    {
+        posix_spawnattr_init(&attr);
+        posix_spawn_file_actions_init(&files);
+        sigset_t none;
+        sigemptyset(&none);
+        sigset_t defaults;
+        sigemptyset(&defaults);
+        for (const int sig : {SIGINT, SIGQUIT, SIGPIPE, SIGCHLD, SIGTERM}) {
+            sigaddset(&defaults, sig);
+        }
+        posix_spawnattr_setsigmask(&attr, &none);
+        posix_spawnattr_setsigdefault(&attr, &defaults);
+        posix_spawnattr_setpgroup(&attr, 0);
+        posix_spawnattr_setflags(&attr,
+                                 POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+        posix_spawn_file_actions_addopen(&files, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    }
+    ~spawn_setup()
+    {
+        posix_spawn_file_actions_destroy(&files);
+        posix_spawnattr_destroy(&attr);
+    }
+    spawn_setup(const spawn_setup &) = delete;
+    spawn_setup &operator=(const spawn_setup &) = delete;
+
+    posix_spawnattr_t attr = {};
+    posix_spawn_file_actions_t files = {};
+};
+
+int start(command *cmd, const char *line, long limit_ms, const spawn_setup &setup)
+{
+    const char *argv[] = {"sh", "-c", line, nullptr};
+    pid_t pid = -1;
+    const int ret =
+        posix_spawn(&pid, "/bin/sh", &setup.files, &setup.attr, const_cast<char **>(argv), environ);
+    if (ret != 0) {
+        errno = ret;
+        return -1;
+    }
+    cmd->pid = pid;
+    cmd->deadline = limit_ms > 0 ? now_ms() + limit_ms : 0;
+    return 0;
+}
+
+bool is_plain(char c)
+{
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+           (c != '\0' && strchr("_-./:,+@%", c) != nullptr);
+}
+
+} // namespace
+
+command::~command()
+{
+    if (pid > 0) {
+        const nocancel guard;
+        kill_group(*this);
+        waitpid(pid, nullptr, WNOHANG);
+    }
+}
+
+int command_open(command *cmd, const char *line, long limit_ms)
+{
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) {
+        return -1;
+    }
+    cmd->out.reset(ends[0]);
+    const unique_fd child_end(ends[1]);
+    spawn_setup setup;
+    posix_spawn_file_actions_adddup2(&setup.files, child_end.fd, STDOUT_FILENO);
+    return start(cmd, line, limit_ms, setup);
+}
+
+std::size_t command_read_line(command *cmd, char *line, std::size_t size, bool *cut)
+{
+    std::size_t len = 0;
+    bool over = false;
+    char c = '\0';
+    while (c != '\n' && (cmd->have > 0 || fill_buffer(cmd))) {
+        c = cmd->buf[cmd->from++];
+        --cmd->have;
+        if (len < size - 1) {
+            line[len++] = c;
+        } else {
+            over = true;
+        }
+    }
+    line[len] = '\0';
+    if (cut != nullptr) {
+        *cut = over;
+    }
+    return len;
+}
+
+int command_close(command *cmd)
+{
+    cmd->out.reset();
+    if (cmd->pid < 0) {
+        errno = ECHILD;
+        return -1;
+    }
+    if (cmd->deadline != 0) {
+        // glibc 2.36 declares pidfd_open(2) without C linkage.
+        const unique_fd pidfd(static_cast<int>(syscall(SYS_pidfd_open, cmd->pid, 0)));
+        if (pidfd.fd >= 0) {
+            static_cast<void>(wait_ready(cmd, pidfd.fd));
+        }
+    }
+    int status = 0;
+    pid_t ret = -1;
+    do {
+        ret = waitpid(cmd->pid, &status, 0);
+    } while (ret < 0 && errno == EINTR);
+    cmd->pid = -1;
+    return ret < 0 ? -1 : status;
+}
+
+int command_run(const char *line, long limit_ms)
+{
+    command cmd;
+    const spawn_setup setup;
+    if (start(&cmd, line, limit_ms, setup) != 0) {
+        return -1;
+    }
+    return command_close(&cmd);
+}
+
+std::string shell_word(const char *text)
+{
+    bool plain = *text != '\0';
+    for (const char *p = text; *p != '\0'; ++p) {
+        plain = plain && is_plain(*p);
+    }
+    if (plain) {
+        return text;
+    }
+    std::string word = "'";
+    for (const char *p = text; *p != '\0'; ++p) {
+        if (*p == '\'') {
+            word += "'\\''";
+        } else {
+            word += *p;
+        }
+    }
+    return word + "'";
+}
+
+std::string shell_in_quotes(const char *text)
+{
+    std::string quoted;
+    for (const char *p = text; *p != '\0'; ++p) {
+        if (strchr("$`\"\\", *p) != nullptr) {
+            quoted += '\\';
+        }
+        quoted += *p;
+    }
+    return quoted;
+}

@@ -1,0 +1,82 @@
+/// Trace log: the agent's diagnostic record, written through libqorlog.
+///
+/// Every call is dropped silently while the log is closed, never fails towards its caller, and is no
+/// cancellation point. Open, close and tracetell belong to the main thread while no worker runs; everything
+/// else may be called from any thread.
+#ifndef TRACERSC_H
+#define TRACERSC_H
+
+enum trace_level {
+    TRACE_ERROR = 1,     ///< an operation failed, an option is invalid, a required value is missing
+    TRACE_WARNING = 2,   ///< a default was used, a clean-up failed, or the run goes on despite a failure
+    TRACE_INFO = 4,      ///< start and end of a run, notable outcomes
+    TRACE_DEBUG = 8,     ///< entries, exits, successful calls, values read
+    TRACE_EVENT = 0x8000 ///< an event of the catalogue, only through tracemess
+};
+
+/// Bytes of one message, terminator included; a longer one is cut.
+enum { TRACE_TEXT_SIZE = 1024 };
+
+/// Bytes of the buffer that the makeerrstr_ functions fill.
+enum { TRACE_ERRSTR_SIZE = 128 };
+
+/// Writes a line under the name of the calling function. `trace_source`, the source name in the line, is the
+/// constant of that name visible at the call.
+#define TRACE(level, ...) trace((level), trace_source, __LINE__, __func__, __VA_ARGS__)
+
+/// The same under the name of another function: for a helper that does a part of its caller's work.
+#define TRACE_AS(func, level, ...) trace((level), trace_source, __LINE__, (func), __VA_ARGS__)
+
+/// Opens the log of the module `type`; only the first call of any number opens it. Clears the resource-name
+/// prefix. A failed open leaves the log closed.
+/// @param level  passed to log_init
+/// @param size   passed to log_init, bytes
+/// @param path   file name, or null for the library's own place
+void traceopen(const char *type, int level, int size, const char *path);
+
+/// Closes the log, however often it was opened.
+void traceclose();
+
+/// Sets the prefix of every following line: the resource name, cut to its first 8 characters.
+void tracetell(const char *name);
+
+void trace(int level, const char *pname, int line, const char *pfunc, const char *fmt, ...)
+    __attribute__((format(printf, 5, 6)));
+
+/// Writes an event, without the prefix. A null `fmt` takes the event's text from the library's catalogue.
+void tracemess(int level, int eid, const char *pname, int line, const char *pfunc, const char *fmt,
+               const char *s1);
+void tracemess2(int level, int eid, const char *pname, int line, const char *pfunc, const char *fmt,
+                const char *s1, const char *s2);
+void tracemess3(int level, int eid, const char *pname, int line, const char *pfunc, const char *fmt,
+                const char *s1, const char *s2, const char *s3);
+void tracemess4(int level, int eid, const char *pname, int line, const char *pfunc, const char *fmt,
+                const char *s1, const char *s2, int i1);
+
+/// trace, indented.
+void trace2(int level, const char *pname, int line, const char *pfunc, const char *fmt, ...)
+    __attribute__((format(printf, 5, 6)));
+
+/// A second log with a handle of its own; the prefix is shared, and traceopen_ex leaves it alone.
+void traceopen_ex(const char *type, int level, int size, const char *path);
+void traceclose_ex();
+void trace_ex(int level, const char *pname, int line, const char *pfunc, const char *fmt, ...)
+    __attribute__((format(printf, 5, 6)));
+
+/// Lines about a call's result: "MESSAGE success." at level 8 for 0, else "MESSAGE failed. (...)" at level 1
+/// with the result in hexadecimal, with ret and errno, or with the name of a library's code.
+void tracefunc(int ret, const char *pname, int line, const char *pfunc, const char *fmt, ...)
+    __attribute__((format(printf, 5, 6)));
+void tracesys(int ret, int err, const char *pname, int line, const char *pfunc, const char *fmt, ...)
+    __attribute__((format(printf, 6, 7)));
+void tracexml(int ret, const char *pname, int line, const char *pfunc, const char *fmt, ...)
+    __attribute__((format(printf, 5, 6)));
+void traceshmrm(int ret, const char *pname, int line, const char *pfunc, const char *fmt, ...)
+    __attribute__((format(printf, 5, 6)));
+
+/// Writes the name of a result of the configuration library, or "??", into errstr (TRACE_ERRSTR_SIZE bytes).
+void makeerrstr_xml(int ret, char *errstr);
+/// The same for a result of the resource-state shared memory.
+void makeerrstr_shmrm(int ret, char *errstr);
+
+#endif

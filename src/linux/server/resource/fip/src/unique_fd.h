@@ -1,0 +1,30 @@
+/// A file descriptor that its scope closes.
+#ifndef UNIQUE_FD_H
+#define UNIQUE_FD_H
+
+#include "nocancel.h"
+
+#include <unistd.h>
+
+struct unique_fd {
+    unique_fd() = default;
+    explicit unique_fd(int owned) : fd(owned) {}
+    ~unique_fd() { reset(); }
+    unique_fd(const unique_fd &) = delete;
+    unique_fd &operator=(const unique_fd &) = delete;
+
+    /// Closes what is owned, and takes `owned` instead. close(2) is a cancellation point, and a destructor
+    /// must not be left by cancellation.
+    void reset(int owned = -1)
+    {
+        if (fd >= 0) {
+            const nocancel guard;
+            close(fd);
+        }
+        fd = owned;
+    }
+
+    int fd = -1;
+};
+
+#endif

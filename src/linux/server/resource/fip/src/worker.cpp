@@ -1,0 +1,185 @@
+#include "worker.h"
+
+#include "nocancel.h"
+#include "tracersc.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <ctime>
+#include <pthread.h>
+
+namespace
+{
+
+/// How long a cancelled worker is waited for. It stops at once at a cancellation point; a system call that
+/// the kernel does not let go of (a dead file server, say) must not hang the run.
+constexpr int join_limit_s = 5;
+
+constexpr std::int64_t ns_per_s = 1'000'000'000;
+
+/// Whether a worker may still run although its caller gave it up. Only the main thread looks.
+bool left_behind = false;
+
+/// Tells the waiting caller that the worker has ended.
+struct end_signal {
+    end_signal()
+    {
+        pthread_condattr_t attr;
+        pthread_condattr_init(&attr);
+        pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+        pthread_cond_init(&cond, &attr);
+        pthread_condattr_destroy(&attr);
+    }
+    ~end_signal()
+    {
+        pthread_cond_destroy(&cond);
+        pthread_mutex_destroy(&mutex);
+    }
+    end_signal(const end_signal &) = delete;
+    end_signal &operator=(const end_signal &) = delete;
+
+    void raise()
+    {
+        const nocancel guard;
+        pthread_mutex_lock(&mutex);
+        ended = true;
+        pthread_cond_signal(&cond);
+        pthread_mutex_unlock(&mutex);
+    }
+
+    /// Sleeps until the worker ends, `us` microseconds at the most.
+    void wait(std::int64_t us)
+    {
+        timespec until = {};
+        clock_gettime(CLOCK_MONOTONIC, &until);
+        const std::int64_t ns = until.tv_nsec + us % 1'000'000 * 1000;
+        until.tv_sec += us / 1'000'000 + ns / ns_per_s;
+        until.tv_nsec = ns % ns_per_s;
+        pthread_mutex_lock(&mutex);
+        while (!ended && pthread_cond_timedwait(&cond, &mutex, &until) != ETIMEDOUT) {
+        }
+        pthread_mutex_unlock(&mutex);
+    }
+
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    pthread_cond_t cond = {};
+    bool ended = false;
+};
+
+/// What the worker's thread owns.
+struct worker_share {
+    worker_entry entry;
+    std::shared_ptr<void> arg;
+    std::shared_ptr<end_signal> signal;
+};
+
+void *thread_entry(void *parg)
+{
+    const std::unique_ptr<worker_share> share(static_cast<worker_share *>(parg));
+    void *result = share->entry(share->arg.get());
+    share->signal->raise();
+    return result;
+}
+
+int join_bounded(pthread_t thread)
+{
+    timespec until = {};
+    clock_gettime(CLOCK_MONOTONIC, &until);
+    until.tv_sec += join_limit_s;
+    return pthread_clockjoin_np(thread, nullptr, CLOCK_MONOTONIC, &until);
+}
+
+/// The trace lines of one worker.
+struct worker_trace {
+    const worker_texts &texts;
+
+    void succeeded(const char *call) const
+    {
+        trace(TRACE_DEBUG, texts.pname, __LINE__, texts.pfunc, "%s(%s) success.", call, texts.worker);
+    }
+    void failed(int level, const char *call, const char *worker, int ret) const
+    {
+        trace(level, texts.pname, __LINE__, texts.pfunc, "%s(%s) failed. (errno=%d,ret=%d)", call, worker,
+              errno, ret);
+    }
+};
+
+/// Gives up a worker that cannot be stopped.
+void leave_behind(pthread_t thread)
+{
+    left_behind = true;
+    pthread_detach(thread);
+}
+
+int join_worker(const worker_trace &lines, pthread_t thread)
+{
+    const int ret = join_bounded(thread);
+    if (ret == ETIMEDOUT) {
+        leave_behind(thread);
+    }
+    if (ret != 0) {
+        lines.failed(TRACE_WARNING, "pthread_join", lines.texts.worker, ret);
+    } else {
+        lines.succeeded("pthread_join");
+    }
+    return ret;
+}
+
+void cancel_worker(const worker_trace &lines, pthread_t thread)
+{
+    const worker_texts &texts = lines.texts;
+    trace(TRACE_ERROR, texts.pname, __LINE__, texts.pfunc, "%s", texts.timeout);
+    const int ret = pthread_cancel(thread);
+    if (ret != 0) {
+        lines.failed(TRACE_ERROR, "pthread_cancel", texts.worker, ret);
+        leave_behind(thread);
+        return;
+    }
+    const int join_ret = join_worker(lines, thread);
+    if (texts.always_returned) {
+        trace(TRACE_DEBUG, texts.pname, __LINE__, texts.pfunc, "pthread_join(%s) successed.", texts.worker);
+    }
+    if (texts.always_returned || join_ret == 0) {
+        trace(TRACE_INFO, texts.pname, __LINE__, texts.pfunc, "return(%s) = %d", texts.worker,
+              texts.timeout_code);
+    }
+}
+
+} // namespace
+
+bool worker_left_behind()
+{
+    return left_behind;
+}
+
+worker_result worker_run(const worker_texts &texts, const worker_limits &limits, worker_entry entry,
+                         const std::shared_ptr<void> &arg, std::atomic<int> *endflag, int *join_ret)
+{
+    const worker_trace lines{texts};
+    const auto signal = std::make_shared<end_signal>();
+    auto share = std::make_unique<worker_share>(worker_share{entry, arg, signal});
+    *endflag = 0;
+
+    pthread_t thread = {};
+    const int ret = pthread_create(&thread, nullptr, thread_entry, share.get());
+    if (ret != 0) {
+        lines.failed(TRACE_ERROR, "pthread_create", texts.create_failed, ret);
+        return WORKER_NOT_STARTED;
+    }
+    static_cast<void>(share.release()); // the thread's now
+    lines.succeeded("pthread_create");
+
+    std::int64_t poll = 0;
+    for (; poll < limits.polls && *endflag == 0; ++poll) {
+        signal->wait(limits.period_us);
+    }
+    if (poll >= limits.polls) {
+        cancel_worker(lines, thread);
+        return WORKER_LATE;
+    }
+    const int joined = join_worker(lines, thread);
+    if (join_ret != nullptr) {
+        *join_ret = joined;
+    }
+    return WORKER_IN_TIME;
+}
