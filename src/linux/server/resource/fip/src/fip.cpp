@@ -1,0 +1,73 @@
+#include "fip.h"
+
+#include "nocancel.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <ctime>
+#include <mutex>
+
+int actflag = -1;
+int nomuseflag = 0;
+int dynamicflag = 0;
+int ipv6flag = 0;
+int fullnotation = 0;
+
+char inspath[FIP_PATH_SIZE];
+char rdrctpath[FIP_PATH_SIZE];
+char rdrctfile[FIP_PATH_SIZE];
+
+void *hchkconf = nullptr;
+
+int shmrmflag = 0;
+int shmnmflag = 0;
+int semflag = 0;
+int sementifflag = 0;
+int xmliniflag = 0;
+int xmlconflag = 0;
+int loginiflag = 0;
+
+std::atomic<int> ifconfthend{0};
+std::atomic<int> actthend{0};
+
+char shmbuf[FIP_SHMBUF_SIZE];
+
+void fip_set_message(const char *fmt, ...)
+{
+    static std::mutex message_lock;
+    const nocancel guard;
+    const std::lock_guard<std::mutex> lock(message_lock);
+    va_list args;
+    va_start(args, fmt);
+    vsnprintf(shmbuf, sizeof(shmbuf), fmt, args);
+    va_end(args);
+}
+
+int fip_internal_error(int code)
+{
+    fip_set_message("Internal error. (status=%d)", code);
+    return code;
+}
+
+bool fip_parse_addr(const char *text, in_addr *addr, in6_addr *addr6)
+{
+    if (ipv6flag != 0) {
+        return inet_pton(AF_INET6, text, addr6) == 1;
+    }
+    return inet_pton(AF_INET, text, addr) == 1;
+}
+
+bool fip_parse_host(const char *text, in_addr *addr, in6_addr *addr6)
+{
+    return fip_parse_addr(text, addr, addr6) &&
+           (ipv6flag != 0 ? !IN6_IS_ADDR_UNSPECIFIED(addr6) : addr->s_addr != INADDR_ANY);
+}
+
+void fip_pause(int seconds)
+{
+    timespec left = {seconds > 0 ? seconds : 0, 0};
+    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
+}

@@ -1,0 +1,168 @@
+/// What the whole agent shares: the resource record, the run-mode globals, the exit codes, the result
+/// message.
+#ifndef FIP_H
+#define FIP_H
+
+#include "nicCommon.h"
+
+#include <atomic>
+#include <netinet/in.h>
+#include <pthread.h>
+
+/// Bytes of the result message, of an address argument, and of a path or command line; all with terminator.
+enum { FIP_SHMBUF_SIZE = 128, FIP_ADDRARG_SIZE = 82, FIP_PATH_SIZE = 1024 };
+
+/// Exit codes, which are the status codes of the agent's functions too: a failing step's code is carried up
+/// unchanged and becomes the exit status.
+enum fip_code {
+    FIP_SUCCESS = 0,
+    FIP_ERR_TOOL = 2,       ///< the ping tool failed by its own account
+    FIP_ERR_STATUS = 3,     ///< a command ended with a non-zero exit status
+    FIP_ERR_OPTION = 4,     ///< the command line is wrong
+    FIP_ERR_NOTROOT = 5,    ///< the effective user is not root
+    FIP_ERR_XMLINIT = 6,    ///< the configuration library did not start
+    FIP_ERR_XMLCONF = 7,    ///< the cluster configuration did not load
+    FIP_ERR_POLICY = 8,     ///< a policy did not load
+    FIP_ERR_ADDRESS = 9,    ///< this server's address is not in the configuration
+    FIP_ERR_MEMORY = 10,    ///< no memory
+    FIP_ERR_ABNORMAL = 11,  ///< a command could not be run, or a signal ended it
+    FIP_ERR_POPEN = 12,     ///< a command's output could not be opened
+    FIP_ERR_NOTOOL = 13,    ///< there is no ping tool
+    FIP_ERR_NOADDR = 14,    ///< the inventory is empty
+    FIP_ERR_INUSE = 15,     ///< the address, or the role it is to have, is taken
+    FIP_ERR_NORSC = 16,     ///< no floating-IP resource is configured
+    FIP_ERR_NODEV = 17,     ///< no such interface, or none that fits
+    FIP_ERR_MACADDR = 18,   ///< a hardware address makes no sense
+    FIP_ERR_SOCKET = 19,    ///< a socket could not be opened
+    FIP_ERR_SEND = 21,      ///< a packet was not sent whole
+    FIP_ERR_THREAD = 22,    ///< a worker could not be started
+    FIP_ERR_TIMEOUT = 23,   ///< a worker did not end in time
+    FIP_ERR_CHECKIF = 24,   ///< the address is still listed after its removal
+    FIP_ERR_CHECKPING = 25, ///< the address still answers after its removal
+    FIP_ERR_NOMAC = 26,     ///< the neighbour table has no hardware address
+    FIP_ERR_ALIAS = 28,     ///< the configured alias is taken
+    FIP_ERR_IPFORMAT = 29,  ///< the address piece of an address argument is wrong
+    FIP_ERR_IFNAME = 30,    ///< its interface or alias piece is wrong
+    FIP_ERR_MASK = 31,      ///< its mask piece is wrong
+    FIP_ERR_VALUE = 32,     ///< a configuration value could not be read
+    FIP_ERR_HOSTNAME = 33,  ///< the host name is unknown
+    FIP_ERR_IFLIST = 34,    ///< the interface list could not be read
+    FIP_ERR_LINKDOWN = 35,  ///< the NIC link is down
+    FIP_ERR_NICSTATUS = 36, ///< the NIC status cannot be read
+    FIP_ERR_INVENTORY = 38, ///< the kernel inventory failed
+    FIP_ERR_ADD = 39,       ///< adding by ioctl failed
+    FIP_ERR_DELETE = 40,    ///< removing by ioctl failed
+    FIP_ERR_INTERNAL = 99
+};
+
+/// One floating-IP resource: names, address, and every parameter read from the configuration. Filled by main,
+/// the address argument and fip_xml_get_config; the sequences overwrite ifname before they remove an address.
+struct FIP_INFO {
+    char rscname[32];
+    char grpname[32];
+    char addr[46];      ///< address text, without mask and interface
+    char mask[46];      ///< netmask text; empty when none was given
+    int masklen;        ///< prefix length
+    char ifname[32];    ///< interface, alias included; empty: chosen by subnet
+    char pingcmd[1024]; ///< ping tool, relative to inspath
+    int pingtout;       ///< seconds; 0: no duplicate-address check on activation
+    int pingretry;
+    int pinginterval; ///< seconds
+    int pingforce;    ///< non-zero: a failed duplicate-address check is overridden
+    int pingallip;    ///< non-zero: all the resource's addresses are probed
+    int pingnpsimu;   ///< non-zero: ping although the node's npsimu flag is set
+    char arpcmd[1024];
+    int arpnum;    ///< gratuitous ARP packets
+    int arpopcode; ///< 1 request, 2 reply
+    char ifconfcmd[1024];
+    int ifconftout;  ///< seconds
+    int checkifexec; ///< non-zero: confirm a removal by inventory
+    int checkifretry;
+    int checkifinterval; ///< seconds
+    int checkiferror;    ///< non-zero: an unconfirmed removal is an error
+    int checkpiexec;     ///< non-zero: confirm a removal by ping
+    int checkpiretry;
+    int checkpiinterval; ///< seconds
+    int checkpierror;
+    int checkstime; ///< microseconds, the poll period of the bounded workers
+    int checkloopc; ///< polls that make up ifconftout
+    int miiw_method;
+    int isMiiw;    ///< non-zero: check the NIC link after the address was added
+    int ifconfuse; ///< non-zero: use the kernel interfaces, never the ifconfig command
+    int srcipuse;  ///< 1: the address becomes the source of the interface's routes
+};
+
+/// Argument and result of the inventory worker.
+struct IPADDR_INFO {
+    int ret;
+    int ipaddr_num;
+    char cmdpath[FIP_PATH_SIZE]; ///< command text; the worker appends " -a"
+    ipaddrinfo *list;            ///< heap rows; they belong to the block until its reader takes them
+};
+
+/// Argument and result of the worker that changes an address by command.
+struct IP_CMD_INFO {
+    int ret;
+    char cmdpath[FIP_PATH_SIZE]; ///< the whole command line
+};
+
+/// Argument and result of one ping worker.
+struct IP_INFO {
+    int ret;
+    char addr[46]; ///< bare address
+    FIP_INFO *pinfo;
+};
+using PIP_INFO = IP_INFO *;
+
+/// Bookkeeping of one ping worker's thread.
+struct FIP_THREAD_INFO {
+    int ret; ///< 0 when it was started, else FIP_ERR_THREAD
+    pthread_t pt;
+    void *thret;
+};
+using PFIP_THREAD_INFO = FIP_THREAD_INFO *;
+
+// Run-mode globals: one process serves one request. All are written by the main thread before any worker
+// starts, except the workers' end flags and the result message.
+
+extern int actflag;      ///< -1 undecided, 0 activation, 1 deactivation
+extern int nomuseflag;   ///< non-zero: the address comes from the command line (--add, --del)
+extern int dynamicflag;  ///< 1: parameters come from the configuration under check
+extern int ipv6flag;     ///< 1: the address is IPv6
+extern int fullnotation; ///< 1: the address names its interface and alias ("trusted mode")
+
+extern char inspath[FIP_PATH_SIZE];   ///< the suite's installation path
+extern char rdrctpath[FIP_PATH_SIZE]; ///< the check log's name below it
+extern char rdrctfile[FIP_PATH_SIZE]; ///< the check log's whole name
+
+extern void *hchkconf; ///< handle of the configuration under check; null while none is loaded
+
+extern int shmrmflag, shmnmflag, semflag, sementifflag; ///< attachments, and the critical section's entry
+extern int xmliniflag, xmlconflag, loginiflag;          ///< what was started
+
+extern std::atomic<int> ifconfthend; ///< end flag of the inventory worker
+extern std::atomic<int> actthend;    ///< end flag of the address-change worker
+
+/// The result message: what is filed as the resource's last message when the run ends. Written through
+/// fip_set_message only, read by the exit sequence when no worker runs any more.
+extern char shmbuf[FIP_SHMBUF_SIZE];
+
+/// Puts a text into shmbuf, cut to its size. Any thread may call it; the last text stands.
+void fip_set_message(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+
+/// Puts "Internal error. (status=CODE)" into shmbuf.
+/// @return code
+int fip_internal_error(int code);
+
+/// Converts an address text to numeric form by ipv6flag; only the matching one of the two is written.
+/// @return true when the text is an address
+[[nodiscard]] bool fip_parse_addr(const char *text, in_addr *addr, in6_addr *addr6);
+
+/// The same for the address of a host. The unspecified address is none: it equals the empty field of every
+/// inventory row that has no address of this family.
+[[nodiscard]] bool fip_parse_host(const char *text, in_addr *addr, in6_addr *addr6);
+
+/// Sleeps whole seconds; a negative number is none.
+void fip_pause(int seconds);
+
+#endif

@@ -1,0 +1,125 @@
+/// The kernel's side of the network: interface records, the inventory, the choice between kernel and
+/// ifconfig, and addresses added and removed by ioctl (netdevice(7)).
+#ifndef NICCOMMON_H
+#define NICCOMMON_H
+
+#include <atomic>
+#include <cstdint>
+#include <netinet/in.h>
+
+/// Numeric IPv4 address and netmask, network byte order.
+struct nipel {
+    in_addr addr;
+    in_addr mask;
+};
+
+/// Numeric IPv6 address and netmask.
+struct nipel6 {
+    in6_addr addr;
+    in6_addr mask;
+};
+
+/// An address as text, with its netmask and prefix length.
+struct sipel {
+    char addr[46];
+    char mask[46];
+    int masklen;
+};
+
+/// Bytes of the longest hardware address that is handled (InfiniBand's).
+enum { MAC_SIZE = 20 };
+
+/// One row of an inventory: an interface and one of its addresses. What a row does not have is zero or empty.
+/// An inventory is a heap array of rows (free(3)) and a count; who asked for it owns it.
+struct ipaddrinfo {
+    char ifname[32];    ///< alias included
+    unsigned int index; ///< position in the array, from 0
+    struct nipel nipel;
+    struct nipel6 nipel6;
+    struct sipel sipel;
+    char smac[64]; ///< hardware address as text, in the form of the inventory's source
+    unsigned char macaddr[MAC_SIZE];
+};
+
+/// The device that carries, or is to carry, the floating address.
+struct vdevinfo {
+    char ifname[32];   ///< the configured interface as configured, else the chosen base name
+    char vdevname[32]; ///< the name that the address is configured under; empty for IPv6
+    struct nipel nipel;
+    struct nipel6 nipel6;
+    struct sipel sipel;
+    char bcast[46]; ///< IPv4 broadcast address
+    char smac[64];
+    unsigned char macaddr[MAC_SIZE];
+};
+
+/// Status codes of this file; the agent's own are in fip.h.
+enum nic_code {
+    NIC_SUCCESS = 0,
+    NIC_ERR_MEMORY = 2,          ///< no memory for the rows
+    NIC_ERR_NOADDR = 3,          ///< the kernel lists no usable address
+    NIC_ERR_GETIFADDRS = 4,      ///< the kernel's list could not be read
+    NIC_ERR_SOCKET = 9,          ///< no socket
+    NIC_ERR_SIOCSIFADDR = 10,    ///< the address could not be set, or not be cleared
+    NIC_ERR_SIOCSIFNETMASK = 11, ///< the netmask could not be set
+    NIC_ERR_SIOCSIFBRDADDR = 12, ///< the broadcast address could not be set
+    NIC_ERR_SIOCSIFFLAGS = 13,   ///< the flags could not be set
+    NIC_ERR_SIOCGIFINDEX = 14,   ///< no such interface (IPv6)
+    NIC_ERR_SIOCGIFFLAGS = 15,   ///< the flags, or the address while removing, could not be read
+    NIC_ERR_SIOCDIFADDR = 16,    ///< the IPv6 address could not be removed
+    NIC_ERR_OPEN = 17,           ///< detection: the output of ifconfig could not be opened
+    NIC_ERR_WHICH = 18,          ///< detection: which could not be run
+    NIC_ERR_THREAD = 19,         ///< detection: the worker could not be started
+    NIC_ERR_ABSENT = 20,         ///< detection: ifconfig is not on the search path
+    NIC_ERR_TIMEOUT = 21,        ///< detection: the worker did not end in time
+    NIC_ERR_LAYOUT = 22          ///< detection: the output has the newer layout, or none
+};
+
+/// 1: inventory and address changes go through the ifconfig command, 0: through the kernel.
+extern int IsIfconfig;
+
+/// End flag of the detection worker.
+extern std::atomic<int> nic_actthend;
+
+/// Decides whether the ifconfig command is used: it is when it is on the search path and prints the older
+/// layout ("inet addr:ADDRESS"), which is the one that can be parsed.
+///
+/// @param pIsIfconfig  set to 1 when the command is used, else to 0
+/// @param ifconfuse  non-zero: don't look, the kernel interfaces are wanted
+/// @param ifconfout  time-out, seconds
+/// @return 0 when the detection ran to its end, whatever it found, or was not wanted; NIC_ERR_THREAD;
+///         NIC_ERR_TIMEOUT; the error number of a failed join when the worker found no use for the command
+[[nodiscard]] int nic_chk_isifconfig(int *pIsIfconfig, int ifconfuse, int ifconfout);
+
+/// The detection worker. Writes 0, NIC_ERR_OPEN, NIC_ERR_WHICH, NIC_ERR_ABSENT or NIC_ERR_LAYOUT into the int
+/// at parg, then sets nic_actthend.
+void *nic_cmd_chk(void *parg);
+
+/// What one line of "ifconfig -a" tells about the layout.
+enum nic_layout { NIC_LAYOUT_OPEN, NIC_LAYOUT_OLDER, NIC_LAYOUT_NEWER };
+
+/// Looks at one line, cut at its last newline; the line is taken apart in place.
+[[nodiscard]] nic_layout nic_scan_layout(char *line);
+
+/// Takes the inventory from the kernel (getifaddrs(3)): a row per IPv4 and IPv6 address in the kernel's
+/// order, without those of "lo".
+///
+/// @param ipaddrlist  receives the rows on success
+/// @param num         receives their number once that is known
+/// @return 0, NIC_ERR_MEMORY, NIC_ERR_NOADDR, NIC_ERR_GETIFADDRS
+[[nodiscard]] int nic_get_all_info(ipaddrinfo **ipaddrlist, int *num);
+
+/// Tells an address text's family: 1 for IPv6, 0 for IPv4. A ':' behind a '%' belongs to an alias.
+[[nodiscard]] int nic_ipck(const char *paddr);
+
+/// Puts the address of the record on its interface, and brings that up. What was placed is taken off again
+/// when a later step fails.
+/// @return 0, NIC_ERR_SOCKET, or the code of the request that failed
+[[nodiscard]] int nic_act_ipaddr_ioctl(const vdevinfo *pvdevinfo);
+
+/// Takes the address of the record off its interface. On an alias this removes the alias; a physical
+/// interface is stopped, and cleared when it carries the record's address.
+/// @return 0, NIC_ERR_SOCKET, or the code of the request that failed
+[[nodiscard]] int nic_deact_ipaddr_ioctl(const vdevinfo *pvdevinfo);
+
+#endif
