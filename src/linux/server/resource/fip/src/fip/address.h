@@ -1,0 +1,21 @@
+/// The address argument: address[/bits][%interface[:alias]].
+#ifndef FIP_ADDRESS_H
+#define FIP_ADDRESS_H
+
+/// Tells an address text's family and sets ipv6flag by it. @return 0, always
+int fip_ipck(const char *paddr);
+
+/// Takes an address text apart and checks its pieces; fip_ipck must have set ipv6flag for it. Pieces that the
+/// text does not hold leave their outputs untouched; what was written before a failure stays. An alias number
+/// sets fullnotation.
+///
+/// @param addr     46 bytes: the address, not checked beyond its length
+/// @param mask     46 bytes: the netmask as text
+/// @param masklen  the prefix length; set as written even when it is refused
+/// @param ifname   32 bytes: interface, alias included; may be null when the text holds no '%'
+/// @return 0; FIP_ERR_IPFORMAT, FIP_ERR_IFNAME, FIP_ERR_MASK for the piece that is wrong, too long for its
+/// field,
+///         or a negative number
+[[nodiscard]] int fip_div_ipmask(const char *addrbuf, char *addr, char *mask, int *masklen, char *ifname);
+
+#endif

@@ -1,0 +1,9 @@
+/// The source name under which everything in fip/ writes its trace lines.
+#ifndef FIP_SOURCE_H
+#define FIP_SOURCE_H
+
+#include "../tracersc.h"
+
+inline constexpr char trace_source[] = "src/fip.c";
+
+#endif
