@@ -1,0 +1,384 @@
+#include "inventory.h"
+
+#include "../command.h"
+#include "../text.h"
+#include "../worker.h"
+#include "address.h"
+#include "source.h"
+
+#include <arpa/inet.h>
+#include <cctype>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+
+namespace
+{
+
+constexpr char self[] = "fip_get_ipaddrlist";
+constexpr char separators[] = " \t\n";
+constexpr int row_step = 16;
+
+/// Makes room for one more row; rows come in steps, zeroed.
+int make_room(inventory_reader *reader)
+{
+    if (reader->num % row_step != 0) {
+        return FIP_SUCCESS;
+    }
+    const auto step_bytes = row_step * sizeof(ipaddrinfo);
+    const bool first = reader->num == 0;
+    const auto bytes = static_cast<std::size_t>(reader->num) * sizeof(ipaddrinfo) + step_bytes;
+    const char *call = first ? "malloc" : "realloc";
+    auto *grown = static_cast<ipaddrinfo *>(first ? malloc(bytes) : realloc(reader->rows.get(), bytes));
+    if (grown == nullptr) {
+        TRACE_AS(self, TRACE_ERROR, "%s(%d) failed. (errno=%d)", call, static_cast<int>(step_bytes), errno);
+        return fip_internal_error(FIP_ERR_MEMORY);
+    }
+    static_cast<void>(reader->rows.release());
+    reader->rows.reset(grown);
+    memset(static_cast<void *>(&grown[reader->num]), 0, step_bytes);
+    TRACE_AS(self, TRACE_DEBUG, "%s(%d) succeeded.", call, static_cast<int>(step_bytes));
+    return FIP_SUCCESS;
+}
+
+ipaddrinfo *add_row(inventory_reader *reader)
+{
+    ipaddrinfo *row = &reader->rows[static_cast<std::size_t>(reader->num)];
+    row->index = static_cast<unsigned>(reader->num);
+    ++reader->num;
+    return row;
+}
+
+ipaddrinfo *last_row(const inventory_reader &reader)
+{
+    return &reader.rows[static_cast<std::size_t>(reader.num) - 1];
+}
+
+/// The text behind a prefix that is compared without regard to case, or null.
+const char *behind(const char *token, const char *prefix)
+{
+    const std::size_t len = strlen(prefix);
+    return strncasecmp(token, prefix, len) == 0 ? token + len : nullptr;
+}
+
+int take_hwaddr(inventory_reader *reader, const char *token)
+{
+    ipaddrinfo *row = last_row(*reader);
+    copy_text(row->smac, token);
+    const int ret = fip_crt_macaddr(token, row->macaddr);
+    if (ret != FIP_SUCCESS) {
+        TRACE_AS(self, TRACE_ERROR, "fip_crt_macaddr() failed. (ret=%d)", ret);
+        return ret;
+    }
+    reader->hwaddr_next = false;
+    return FIP_SUCCESS;
+}
+
+/// Takes the address and prefix length of an "inet6 addr:" pair, in a row of its own when the interface has
+/// one already.
+int take_ipv6(inventory_reader *reader, const char *token)
+{
+    if (last_row(*reader)->sipel.addr[0] != '\0') {
+        const int ret = make_room(reader);
+        if (ret != FIP_SUCCESS) {
+            return ret;
+        }
+        const ipaddrinfo *before = last_row(*reader);
+        ipaddrinfo *row = add_row(reader);
+        memcpy(row->ifname, before->ifname, sizeof(row->ifname));
+        memcpy(row->smac, before->smac, sizeof(row->smac));
+        memcpy(row->macaddr, before->macaddr, sizeof(row->macaddr));
+    }
+    ipaddrinfo *row = last_row(*reader);
+    const int ret = fip_div_ipmask(token, row->sipel.addr, row->sipel.mask, &row->sipel.masklen, nullptr);
+    if (ret != FIP_SUCCESS) {
+        TRACE_AS(self, TRACE_ERROR, "fip_div_ipmask failed. (ret=%d)", ret);
+        return ret;
+    }
+    inet_pton(AF_INET6, row->sipel.addr, &row->nipel6.addr);
+    inet_pton(AF_INET6, row->sipel.mask, &row->nipel6.mask);
+    return FIP_SUCCESS;
+}
+
+/// Looks at one token in IPv4 mode.
+void take_ipv4_token(inventory_reader *reader, const char *token, char **rest)
+{
+    ipaddrinfo *row = last_row(*reader);
+    if (strcasecmp(token, "inet") == 0) {
+        token = strsep(rest, separators);
+        if (token == nullptr) {
+            return;
+        }
+        if (const char *addr = behind(token, "addr:")) {
+            copy_text(row->sipel.addr, addr);
+            inet_pton(AF_INET, row->sipel.addr, &row->nipel.addr);
+            return;
+        }
+    }
+    if (const char *mask = behind(token, "mask:")) {
+        copy_text(row->sipel.mask, mask);
+        inet_pton(AF_INET, row->sipel.mask, &row->nipel.mask);
+    } else if (strcasecmp(token, "HWaddr") == 0) {
+        reader->hwaddr_next = true;
+    }
+}
+
+/// Looks at one token in IPv6 mode.
+int take_ipv6_token(inventory_reader *reader, const char *token, char **rest)
+{
+    if (strcasecmp(token, "inet6") == 0) {
+        token = strsep(rest, separators);
+        if (token == nullptr) {
+            return FIP_SUCCESS;
+        }
+        if (behind(token, "addr:") != nullptr) {
+            token = strsep(rest, separators);
+            return token != nullptr && *token != '\0' ? take_ipv6(reader, token) : FIP_SUCCESS;
+        }
+    }
+    if (strcasecmp(token, "HWaddr") == 0) {
+        reader->hwaddr_next = true;
+    }
+    return FIP_SUCCESS;
+}
+
+void trace_rows(const ipaddrinfo *rows, int num)
+{
+    for (int i = 0; i < num; ++i) {
+        const ipaddrinfo &row = rows[i];
+        if (ipv6flag != 0) {
+            TRACE_AS(self, TRACE_DEBUG, "[%d] if:%-8s masklen:%3d addr:%s mask:%s, mac:%s", i, row.ifname,
+                     row.sipel.masklen, row.sipel.addr, row.sipel.mask, row.smac);
+        } else {
+            TRACE_AS(self, TRACE_DEBUG, "[%d] if:%-8s addr:%s mask:%s, mac:%s", i, row.ifname, row.sipel.addr,
+                     row.sipel.mask, row.smac);
+        }
+    }
+}
+
+int read_output(command *cmd, inventory_reader *reader)
+{
+    char line[INVENTORY_LINE_SIZE];
+    bool cut = false;
+    while (command_read_line(cmd, line, sizeof(line), &cut) > 0) {
+        if (cut) {
+            fip_drop_cut_token(line);
+        }
+        fip_chop(line);
+        const int ret = fip_read_inventory_line(reader, line);
+        if (ret != FIP_SUCCESS) {
+            return ret;
+        }
+    }
+    return FIP_SUCCESS;
+}
+
+/// The command was not run, or did not end normally.
+int abnormal_end(const char *cmdpath, int err)
+{
+    TRACE_AS(self, TRACE_ERROR, "pclose(%s) error. (ret=%d,errno=%d)", cmdpath, 0, err);
+    fip_set_message("Command failed. (%s(%s), errno=%d)", "pclose", cmdpath, err);
+    return FIP_ERR_ABNORMAL;
+}
+
+/// Waits for the command and judges how it ended.
+int close_output(command *cmd, const char *cmdpath)
+{
+    const int status = command_close(cmd);
+    if (!command_ended(status)) {
+        return abnormal_end(cmdpath, errno);
+    }
+    if (command_status(status) != 0) {
+        TRACE_AS(self, TRACE_ERROR, "%s : failed. (ret=%d)", cmdpath, command_status(status));
+        fip_set_message("Command failed. (%s, ret=%d)", cmdpath, command_status(status));
+        return FIP_ERR_STATUS;
+    }
+    TRACE_AS(self, TRACE_DEBUG, "%s : success.", cmdpath);
+    return FIP_SUCCESS;
+}
+
+/// Runs the bounded worker and takes its results.
+int inventory_by_command(ipaddrinfo **ipaddrlist, int *num, const FIP_INFO *pfipinfo)
+{
+    static constexpr worker_texts texts = {trace_source,
+                                           "fip_ifconfig_mkth",
+                                           "fip_cmd_popen",
+                                           "fip_cmd_popen",
+                                           "thread timeout. command :ifconfig",
+                                           FIP_ERR_TIMEOUT,
+                                           true};
+    const std::shared_ptr<IPADDR_INFO> block(new IPADDR_INFO{}, [](IPADDR_INFO *owned) {
+        free(owned->list);
+        delete owned;
+    });
+    if (!copy_text(block->cmdpath, shell_word(pfipinfo->ifconfcmd).c_str())) {
+        return abnormal_end(block->cmdpath, ENAMETOOLONG);
+    }
+    const worker_limits limits = {pfipinfo->checkstime, pfipinfo->checkloopc};
+    switch (worker_run(texts, limits, fip_cmd_popen, block, &ifconfthend, nullptr)) {
+    case WORKER_NOT_STARTED:
+        return fip_internal_error(FIP_ERR_THREAD);
+    case WORKER_LATE:
+        return fip_internal_error(FIP_ERR_TIMEOUT);
+    case WORKER_IN_TIME:
+        break;
+    }
+    *ipaddrlist = block->list;
+    *num = block->ipaddr_num;
+    block->list = nullptr;
+    return block->ret;
+}
+
+} // namespace
+
+int fip_scan_hex(const char *str, unsigned *values, int max)
+{
+    int count = 0;
+    while (count < max) {
+        char *end = nullptr;
+        const unsigned long value = strtoul(str, &end, 16);
+        if (end == str) {
+            break;
+        }
+        values[count++] = static_cast<unsigned>(value);
+        if (*end != ':') {
+            break;
+        }
+        str = end + 1;
+    }
+    return count;
+}
+
+int fip_crt_macaddr(const char *str, unsigned char *mac)
+{
+    TRACE(TRACE_DEBUG, "fip_crt_macaddr()  ENTRY...");
+    if (str == nullptr || mac == nullptr) {
+        TRACE(TRACE_ERROR, "mac address is null.");
+        return fip_internal_error(FIP_ERR_MACADDR);
+    }
+    unsigned values[MAC_SIZE];
+    const int count = fip_scan_hex(str, values, MAC_SIZE);
+    if (count != 6 && count != MAC_SIZE) {
+        memset(mac, 0, MAC_SIZE);
+        TRACE(TRACE_ERROR, "mac adderss is invalid.");
+        return fip_internal_error(FIP_ERR_MACADDR);
+    }
+    for (int i = 0; i < count; ++i) {
+        mac[i] = static_cast<unsigned char>(values[i] & 0xff);
+    }
+    return FIP_SUCCESS;
+}
+
+void fip_drop_cut_token(char *line)
+{
+    std::size_t len = strlen(line);
+    while (len > 0 && strchr(separators, line[len - 1]) == nullptr) {
+        --len;
+    }
+    line[len] = '\0';
+}
+
+int fip_read_inventory_line(inventory_reader *reader, char *line)
+{
+    const bool header = *line != '\0' && isspace(static_cast<unsigned char>(*line)) == 0;
+    char *rest = line;
+    if (header) {
+        const int ret = make_room(reader);
+        if (ret != FIP_SUCCESS) {
+            return ret;
+        }
+        copy_text(add_row(reader)->ifname, strsep(&rest, separators));
+    }
+    if (reader->num == 0) {
+        return FIP_SUCCESS; // no row to fill yet
+    }
+    for (const char *token = strsep(&rest, separators); token != nullptr; token = strsep(&rest, separators)) {
+        if (*token == '\0') {
+            continue;
+        }
+        int ret = FIP_SUCCESS;
+        if (reader->hwaddr_next) {
+            ret = take_hwaddr(reader, token);
+        }
+        if (ret == FIP_SUCCESS && ipv6flag != 0) {
+            ret = take_ipv6_token(reader, token, &rest);
+        } else if (ret == FIP_SUCCESS) {
+            take_ipv4_token(reader, token, &rest);
+        }
+        if (ret != FIP_SUCCESS) {
+            return ret;
+        }
+    }
+    return FIP_SUCCESS;
+}
+
+int fip_get_ipaddrlist(ipaddrinfo **ipaddrlist, int *num, char *cmdpath)
+{
+    TRACE(TRACE_DEBUG, "fip_get_ipaddrlist()  ENTRY...");
+    static constexpr char option[] = " -a";
+    const std::size_t len = strlen(cmdpath);
+    if (len + sizeof(option) > FIP_PATH_SIZE) {
+        return abnormal_end(cmdpath, ENAMETOOLONG);
+    }
+    copy_text(cmdpath + len, FIP_PATH_SIZE - len, option);
+
+    command cmd;
+    if (command_open(&cmd, cmdpath, COMMAND_NO_LIMIT) != 0) {
+        TRACE(TRACE_ERROR, "popen() failed. (errno=%d)", errno);
+        return fip_internal_error(FIP_ERR_POPEN);
+    }
+    TRACE(TRACE_DEBUG, "popen() succeeded.");
+    inventory_reader reader;
+    int ret = read_output(&cmd, &reader);
+    if (ret == FIP_SUCCESS) {
+        ret = close_output(&cmd, cmdpath);
+    }
+    if (ret != FIP_SUCCESS) {
+        return ret;
+    }
+    trace_rows(reader.rows.get(), reader.num);
+    *num = reader.num;
+    *ipaddrlist = reader.rows.release();
+    return FIP_SUCCESS;
+}
+
+void *fip_cmd_popen(void *parg)
+{
+    auto *block = static_cast<IPADDR_INFO *>(parg);
+    block->ret = fip_get_ipaddrlist(&block->list, &block->ipaddr_num, block->cmdpath);
+    if (block->ret != FIP_SUCCESS) {
+        TRACE(TRACE_ERROR, "fip_get_ipaddrlist() failed. (ret=%d)", block->ret);
+    } else {
+        TRACE(TRACE_DEBUG, "fip_get_ipaddrlist() succeeded.");
+    }
+    ifconfthend = 1;
+    return nullptr;
+}
+
+int fip_ifconfig_mkth(ipaddrinfo **ipaddrlist, int *num, const FIP_INFO *pfipinfo)
+{
+    TRACE(TRACE_DEBUG, "fip_ifconfig_mkth()  ENTRY...");
+    if (IsIfconfig != 0) {
+        return inventory_by_command(ipaddrlist, num, pfipinfo);
+    }
+    const int ret = nic_get_all_info(ipaddrlist, num);
+    if (ret != NIC_SUCCESS) {
+        TRACE(TRACE_ERROR, "nic_get_all_info() failed. (ret(in nicCommon)=%d)", ret);
+        fip_set_message("Get nic info failed.");
+        return FIP_ERR_INVENTORY;
+    }
+    TRACE(TRACE_DEBUG, "nic_get_all_info() succeeded.");
+    return FIP_SUCCESS;
+}
+
+const ipaddrinfo *fip_find_row(const ipaddrinfo *rows, int num, const in_addr &addr, const in6_addr &addr6)
+{
+    for (int i = 0; i < num; ++i) {
+        const bool same = ipv6flag != 0 ? memcmp(&rows[i].nipel6.addr, &addr6, sizeof(addr6)) == 0
+                                        : rows[i].nipel.addr.s_addr == addr.s_addr;
+        if (same) {
+            return &rows[i];
+        }
+    }
+    return nullptr;
+}

@@ -1,0 +1,62 @@
+/// The inventory of interfaces and addresses, from ifconfig's output or from the kernel.
+#ifndef FIP_INVENTORY_H
+#define FIP_INVENTORY_H
+
+#include "../fip.h"
+#include "../heap.h"
+
+/// An inventory's rows, owned.
+using inventory_rows = heap_array<ipaddrinfo>;
+
+/// Takes an inventory: from the kernel when IsIfconfig is 0, else from the configured command, bounded by the
+/// resource's time-out.
+///
+/// @param ipaddrlist  receives the rows (heap, the caller's); null when there are none
+/// @param num         receives their number
+/// @return 0; FIP_ERR_INVENTORY; FIP_ERR_THREAD; FIP_ERR_TIMEOUT; a result of fip_get_ipaddrlist. Each leaves
+///         a result message, but for those of fip_div_ipmask.
+[[nodiscard]] int fip_ifconfig_mkth(ipaddrinfo **ipaddrlist, int *num, const FIP_INFO *pfipinfo);
+
+/// The first row that carries the address (the one of the two that ipv6flag selects), or null.
+[[nodiscard]] const ipaddrinfo *fip_find_row(const ipaddrinfo *rows, int num, const in_addr &addr,
+                                             const in6_addr &addr6);
+
+/// The inventory worker: parg is an IPADDR_INFO. Sets ifconfthend as its last action.
+void *fip_cmd_popen(void *parg);
+
+/// Runs the command and reads its output in the older layout.
+/// @param cmdpath  FIP_PATH_SIZE bytes: the command text, which " -a" is appended to
+/// @return 0; FIP_ERR_POPEN; FIP_ERR_MEMORY; FIP_ERR_MACADDR; FIP_ERR_IPFORMAT or FIP_ERR_MASK for an IPv6
+///         address; FIP_ERR_STATUS when the command fails; FIP_ERR_ABNORMAL when a signal ends it, or when
+///         the command text is too long to run whole. The outputs are written on success only.
+[[nodiscard]] int fip_get_ipaddrlist(ipaddrinfo **ipaddrlist, int *num, char *cmdpath);
+
+/// The reader of the older layout: rows filled from one line after the other.
+struct inventory_reader {
+    inventory_rows rows;
+    int num = 0;
+    bool hwaddr_next = false; ///< the next token is a hardware address
+};
+
+/// Bytes of the buffer that the command's output is read into. What a longer line has behind it is passed
+/// over: cut at any place, it could be taken for another address.
+enum { INVENTORY_LINE_SIZE = 1024 };
+
+/// Reads one line, which is taken apart in place.
+/// @return 0, FIP_ERR_MEMORY, FIP_ERR_MACADDR, or a result of fip_div_ipmask
+[[nodiscard]] int fip_read_inventory_line(inventory_reader *reader, char *line);
+
+/// Drops the last token of a line that did not fit the buffer whole: it may be cut.
+void fip_drop_cut_token(char *line);
+
+/// Converts a hardware address text of 6 or 20 groups.
+/// @param mac  MAC_SIZE bytes; zeroed when the text is refused
+/// @return 0 or FIP_ERR_MACADDR, with a result message
+[[nodiscard]] int fip_crt_macaddr(const char *str, unsigned char *mac);
+
+/// Reads up to `max` hexadecimal numbers joined by ':', up to the first mismatch, as a formatted scan with
+/// "%x:%x:..." does.
+/// @return how many were read
+[[nodiscard]] int fip_scan_hex(const char *str, unsigned *values, int max);
+
+#endif

@@ -1,0 +1,123 @@
+#include "ipaddr.h"
+
+#include "../command.h"
+#include "../text.h"
+#include "../worker.h"
+#include "source.h"
+
+#include <memory>
+#include <string>
+
+namespace
+{
+
+/// Builds the command line that adds the address. @return false when it does not fit
+bool add_command(const vdevinfo &dev, const FIP_INFO &info, IP_CMD_INFO *block)
+{
+    const std::string tool = shell_in_quotes(info.ifconfcmd);
+    const std::string addr = shell_word(dev.sipel.addr);
+    if (ipv6flag != 0) {
+        return format_text(block->cmdpath, sizeof(block->cmdpath), "\"%s\" %s add %s/%d > /dev/null 2>&1",
+                           tool.c_str(), shell_word(dev.ifname).c_str(), addr.c_str(), dev.sipel.masklen);
+    }
+    return format_text(block->cmdpath, sizeof(block->cmdpath),
+                       "\"%s\" %s %s netmask %s broadcast %s up > /dev/null 2>&1", tool.c_str(),
+                       shell_word(dev.vdevname).c_str(), addr.c_str(), shell_word(dev.sipel.mask).c_str(),
+                       shell_word(dev.bcast).c_str());
+}
+
+/// Builds the command line that removes the address. @return false when it does not fit
+bool remove_command(const FIP_INFO &info, IP_CMD_INFO *block)
+{
+    const std::string tool = shell_in_quotes(info.ifconfcmd);
+    const std::string ifname = shell_word(info.ifname);
+    if (ipv6flag != 0) {
+        return format_text(block->cmdpath, sizeof(block->cmdpath), "\"%s\" %s del %s/%d > /dev/null 2>&1",
+                           tool.c_str(), ifname.c_str(), shell_word(info.addr).c_str(), info.masklen);
+    }
+    return format_text(block->cmdpath, sizeof(block->cmdpath), "\"%s\" %s down > /dev/null 2>&1",
+                       tool.c_str(), ifname.c_str());
+}
+
+/// Runs the block's command line in the bounded worker, on behalf of the function `self`.
+int change_by_command(const char *self, const std::shared_ptr<IP_CMD_INFO> &block, bool whole,
+                      const FIP_INFO &info)
+{
+    if (!whole) {
+        // Cut, it could name another interface: it counts as a command that could not be run.
+        TRACE_AS(self, TRACE_ERROR, "system(%s) failed. (ret=%d)", block->cmdpath, 0);
+        return fip_internal_error(FIP_ERR_ABNORMAL);
+    }
+    TRACE_AS(self, TRACE_DEBUG, "system(%s)...", block->cmdpath);
+    const worker_texts texts = {
+        trace_source,    self, "fip_cmd_system", "ffip_cmd_system", "thread timeout. command :ifconfig",
+        FIP_ERR_TIMEOUT, true};
+    const worker_limits limits = {info.checkstime, info.checkloopc};
+    switch (worker_run(texts, limits, fip_cmd_system, block, &actthend, nullptr)) {
+    case WORKER_NOT_STARTED:
+        return fip_internal_error(FIP_ERR_THREAD);
+    case WORKER_LATE:
+        return fip_internal_error(FIP_ERR_TIMEOUT);
+    case WORKER_IN_TIME:
+        break;
+    }
+    return block->ret;
+}
+
+} // namespace
+
+void *fip_cmd_system(void *parg)
+{
+    auto *block = static_cast<IP_CMD_INFO *>(parg);
+    const int status = command_run(block->cmdpath, COMMAND_NO_LIMIT);
+    if (!command_ended(status)) {
+        TRACE(TRACE_ERROR, "system(%s) failed. (ret=%d)", block->cmdpath, 0);
+        block->ret = fip_internal_error(FIP_ERR_ABNORMAL);
+    } else if (command_status(status) != 0) {
+        TRACE(TRACE_ERROR, "%s failed. (ret=%d)", block->cmdpath, command_status(status));
+        block->ret = fip_internal_error(FIP_ERR_STATUS);
+    } else {
+        TRACE(TRACE_INFO, "%s succeeded.", block->cmdpath);
+        block->ret = FIP_SUCCESS;
+    }
+    actthend = 1;
+    return nullptr;
+}
+
+int fip_act_ipaddr(const vdevinfo *pvdevinfo, const FIP_INFO *pfipinfo)
+{
+    TRACE(TRACE_DEBUG, "fip_act_ipaddr()  ENTRY...");
+    if (IsIfconfig != 0) {
+        const auto block = std::make_shared<IP_CMD_INFO>();
+        const bool whole = add_command(*pvdevinfo, *pfipinfo, block.get());
+        return change_by_command(__func__, block, whole, *pfipinfo);
+    }
+    const int ret = nic_act_ipaddr_ioctl(pvdevinfo);
+    if (ret != NIC_SUCCESS) {
+        TRACE(TRACE_ERROR, "nic_act_ipaddr_ioctl(%s -> %s(%s)) failed. (ret(in nicCommon)=%d)",
+              pvdevinfo->sipel.addr, pvdevinfo->ifname, pvdevinfo->vdevname, ret);
+        fip_set_message("Add ip(%s) failed.", pvdevinfo->sipel.addr);
+        return FIP_ERR_ADD;
+    }
+    TRACE(TRACE_DEBUG, "nic_act_ipaddr_ioctl() succeeded.");
+    return FIP_SUCCESS;
+}
+
+int fip_deact_ipaddr(const vdevinfo *pvdevinfo, const FIP_INFO *pfipinfo)
+{
+    TRACE(TRACE_DEBUG, "fip_deact_ipaddr()  ENTRY...");
+    if (IsIfconfig != 0) {
+        const auto block = std::make_shared<IP_CMD_INFO>();
+        const bool whole = remove_command(*pfipinfo, block.get());
+        return change_by_command(__func__, block, whole, *pfipinfo);
+    }
+    const int ret = nic_deact_ipaddr_ioctl(pvdevinfo);
+    if (ret != NIC_SUCCESS) {
+        TRACE(TRACE_ERROR, "nic_deact_ipaddr_ioctl(%s -> %s) failed.(ret(in nicCommon)=%d)",
+              pvdevinfo->sipel.addr, pvdevinfo->ifname, ret);
+        fip_set_message("Delete ip(%s) failed.", pvdevinfo->sipel.addr);
+        return FIP_ERR_DELETE;
+    }
+    TRACE(TRACE_DEBUG, "nic_deact_ipaddr_ioctl() succeeded.");
+    return FIP_SUCCESS;
+}

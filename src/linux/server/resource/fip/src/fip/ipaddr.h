@@ -1,0 +1,21 @@
+/// Puts the floating address on its interface and takes it off: by the ifconfig command, or by ioctl.
+#ifndef FIP_IPADDR_H
+#define FIP_IPADDR_H
+
+#include "../fip.h"
+
+/// Adds the address of the target record. By ioctl when IsIfconfig is 0, else by command within the
+/// resource's time-out.
+/// @return 0; FIP_ERR_ADD; FIP_ERR_STATUS or FIP_ERR_ABNORMAL for the command's end (the latter also when the
+///         command line is too long to be run whole); FIP_ERR_THREAD; FIP_ERR_TIMEOUT. Each leaves a result
+///         message.
+[[nodiscard]] int fip_act_ipaddr(const vdevinfo *pvdevinfo, const FIP_INFO *pfipinfo);
+
+/// Removes it. By command the resource record's ifname, addr and masklen say what is removed.
+/// @return as fip_act_ipaddr, with FIP_ERR_DELETE for FIP_ERR_ADD
+[[nodiscard]] int fip_deact_ipaddr(const vdevinfo *pvdevinfo, const FIP_INFO *pfipinfo);
+
+/// The command worker: parg is an IP_CMD_INFO. Sets actthend as its last action.
+void *fip_cmd_system(void *parg);
+
+#endif
