@@ -1,0 +1,371 @@
+#include "ping.h"
+
+#include "../command.h"
+#include "../heap.h"
+#include "../text.h"
+#include "inventory.h"
+#include "source.h"
+
+#include "qorxml.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <sys/stat.h>
+
+namespace
+{
+
+/// What the ping tool may take beyond its own time-out before it is ended.
+constexpr long tool_grace_ms = 10'000;
+/// What the arp command, which looks into the kernel's table, may take.
+constexpr long arp_limit_ms = 5'000;
+
+constexpr int tool_answered = 0;
+constexpr int tool_silent = 1;
+
+/// The addresses that a resource has on all servers, ready to be probed.
+struct address_list {
+    heap_array<char> servers; ///< names, one per slot
+    int svnum = 0;
+    heap_array<IP_INFO> pips; ///< the common address, then each server's
+    int ipnum = 0;
+};
+
+int probe_only(const FIP_INFO &info, int level)
+{
+    TRACE_AS("fip_ping", level, "ping ip=%s only.", info.addr);
+    return -1;
+}
+
+/// Allocates zeroed memory and tells of it. `called` is what a failure calls it, `name` what a success does.
+template <class T>
+heap_array<T> allocate(int bytes, const char *name, const char *called)
+{
+    heap_array<T> memory = heap_zeroed<T>(static_cast<std::size_t>(bytes));
+    if (!memory) {
+        TRACE_AS("fip_ping", TRACE_ERROR, "malloc(%d) (%s) failed. (errno=%d)", bytes, called, errno);
+    } else {
+        TRACE_AS("fip_ping", TRACE_DEBUG, "malloc(%d) (%s) success.", bytes, name);
+    }
+    return memory;
+}
+
+/// Lists the servers of the resource. 0, or -1 when only the resource's own address is to be probed.
+int list_servers(const FIP_INFO &info, address_list *list)
+{
+    constexpr char self[] = "fip_ping";
+    char path[FIP_PATH_SIZE];
+    snprintf(path, sizeof(path), "/root/resource/fip@%s/server", info.rscname);
+    int size = 0;
+    int ret = xmllib_enum_value(path, nullptr, &size);
+    if (ret != QOR_XMLERR_SUCCESS && ret != QOR_XMLERR_NOTENOUGH_SIZE) {
+        TRACE_AS(self, TRACE_DEBUG, "xmllib_enum_value(%s) failed. (ret=%d)", path, ret);
+        return probe_only(info, TRACE_INFO);
+    }
+    list->svnum = size / QOR_XML_NAME_SLOT;
+    TRACE_AS(self, TRACE_DEBUG, "svnum=%d", list->svnum);
+    if (list->svnum <= 0) {
+        return probe_only(info, TRACE_WARNING);
+    }
+    list->servers = allocate<char>(size, "servers", "*servers");
+    if (!list->servers) {
+        return probe_only(info, TRACE_WARNING);
+    }
+    ret = xmllib_enum_value(path, list->servers.get(), &size);
+    if (ret != QOR_XMLERR_SUCCESS) {
+        TRACE_AS(self, TRACE_ERROR, "xmllib_enum_value(%s) failed. (ret=%d)", path, ret);
+        return probe_only(info, TRACE_WARNING);
+    }
+    return 0;
+}
+
+/// Reads one address of the resource into its block. An address that is too long for one fails as a read.
+int read_address(const char *path, FIP_INFO *info, PIP_INFO pip)
+{
+    char value[FIP_ADDRARG_SIZE] = "";
+    int size = sizeof(value);
+    int ret = xmllib_get_value(path, QOR_XMLTYPE_TEXT, value, &size);
+    if (ret == QOR_XMLERR_SUCCESS && !copy_part(pip->addr, value, strcspn(value, "/%"))) {
+        ret = QOR_XMLERR_INVALID_CONTENTS;
+    }
+    if (ret != QOR_XMLERR_SUCCESS) {
+        TRACE_AS("fip_ping", TRACE_ERROR, "xmllib_get_value(%s, %d) failed. (ret=%d)", path, QOR_XMLTYPE_TEXT,
+                 ret);
+    }
+    pip->pinfo = info;
+    return ret;
+}
+
+/// Collects every address of the resource. 0, or -1 when only its own address is to be probed.
+int list_addresses(FIP_INFO *info, address_list *list)
+{
+    if (list_servers(*info, list) != 0) {
+        return -1;
+    }
+    list->ipnum = list->svnum + 1;
+    TRACE_AS("fip_ping", TRACE_INFO, "ipnum=%d", list->ipnum);
+    list->pips = allocate<IP_INFO>(list->ipnum * static_cast<int>(sizeof(IP_INFO)), "pips", "*pips");
+    if (!list->pips) {
+        return probe_only(*info, TRACE_WARNING);
+    }
+    for (int i = 0; i < list->ipnum; ++i) {
+        char path[FIP_PATH_SIZE];
+        if (i == 0) {
+            format_text(path, sizeof(path), "/root/resource/fip@%s/parameters/ip", info->rscname);
+        } else {
+            const char *server = &list->servers[static_cast<std::size_t>(i - 1) * QOR_XML_NAME_SLOT];
+            format_text(path, sizeof(path), "/root/resource/fip@%s/server@%s/parameters/ip", info->rscname,
+                        server);
+        }
+        if (read_address(path, info, &list->pips[static_cast<std::size_t>(i)]) != QOR_XMLERR_SUCCESS) {
+            return probe_only(*info, TRACE_WARNING);
+        }
+    }
+    return 0;
+}
+
+int probe(PIP_INFO pips, int ipnum)
+{
+    const int ret = fip_ping_mkth(pips, ipnum);
+    if (ret != FIP_SUCCESS) {
+        TRACE_AS("fip_ping", TRACE_ERROR, "fip_ping_mkth() failed. (ret=%d)", ret);
+    }
+    return ret;
+}
+
+/// Starts a worker per block. @return the number started; *last_error is the last failed start's
+int start_workers(PIP_INFO pips, int ipnum, PFIP_THREAD_INFO pth, int *last_error)
+{
+    constexpr char self[] = "fip_ping_mkth";
+    int started = 0;
+    for (int i = 0; i < ipnum; ++i) {
+        const int ret = pthread_create(&pth[i].pt, nullptr, fip_ping_retry, &pips[i]);
+        if (ret != 0) {
+            TRACE_AS(self, TRACE_ERROR, "pthread_create(fip_ping_retry) failed. (ip=%s,errno=%d,ret=%d)",
+                     pips[i].addr, errno, ret);
+            pth[i].ret = FIP_ERR_THREAD;
+            *last_error = ret;
+        } else {
+            TRACE_AS(self, TRACE_DEBUG, "pthread_create(fip_ping_retry) success. (ip=%s)", pips[i].addr);
+            pth[i].ret = 0;
+            ++started;
+        }
+    }
+    return started;
+}
+
+void join_workers(PIP_INFO pips, int ipnum, PFIP_THREAD_INFO pth)
+{
+    constexpr char self[] = "fip_ping_mkth";
+    for (int i = 0; i < ipnum; ++i) {
+        if (pth[i].ret != 0) {
+            continue;
+        }
+        const int ret = pthread_join(pth[i].pt, &pth[i].thret);
+        if (ret != 0) {
+            TRACE_AS(self, TRACE_WARNING, "pthread_join(fip_ping_retry) failed. (ip=%s,errno=%d,ret=%d)",
+                     pips[i].addr, errno, ret);
+        } else {
+            TRACE_AS(self, TRACE_DEBUG, "pthread_join(fip_ping_retry) success. (ip=%s)", pips[i].addr);
+        }
+    }
+}
+
+/// The last worker's result that is not 0; a worker that did not start counts only when there is none.
+int combine(const IP_INFO *pips, int ipnum, const FIP_THREAD_INFO *pth)
+{
+    int result = FIP_SUCCESS;
+    for (int i = 0; i < ipnum; ++i) {
+        if (pips[i].ret != FIP_SUCCESS) {
+            result = pips[i].ret;
+        }
+        if (pth[i].ret != 0 && result == FIP_SUCCESS) {
+            result = pth[i].ret;
+        }
+    }
+    return result;
+}
+
+/// A host answered: tells which, as far as the neighbour table knows.
+void trace_owner(const IP_INFO &ip)
+{
+    constexpr char self[] = "fip_chk_ip_response";
+    int ret = 1; // no lookup is made for IPv6
+    if (ipv6flag == 0) {
+        char macaddr[MACTEXT_SIZE] = "";
+        ret = fip_get_macaddr_v4(ip.pinfo->arpcmd, ip.addr, macaddr);
+        if (ret == FIP_SUCCESS) {
+            TRACE_AS(self, TRACE_ERROR, "%s is already exist.(macaddr : %s)", ip.addr, macaddr);
+            return;
+        }
+    }
+    TRACE_AS(self, TRACE_ERROR, "%s is already exist. (ret=%d)", ip.addr, ret);
+}
+
+} // namespace
+
+bool fip_find_macaddr(char *line, char *macaddr, std::size_t size)
+{
+    fip_chop(line);
+    char *save = nullptr;
+    for (char *word = strtok_r(line, " \t\n", &save); word != nullptr;
+         word = strtok_r(nullptr, " \t\n", &save)) {
+        unsigned values[MAC_SIZE];
+        const int count = fip_scan_hex(word, values, MAC_SIZE);
+        if ((count == 6 || count == MAC_SIZE) && copy_text(macaddr, size, word)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+int fip_get_macaddr_v4(const char *cmdpath, const char *ipaddr, char *macaddr)
+{
+    TRACE(TRACE_DEBUG, "fip_get_macaddrlist()  ENTRY...");
+    char line[FIP_PATH_SIZE];
+    if (!format_text(line, sizeof(line), "\"%s\" -n %s", shell_in_quotes(cmdpath).c_str(),
+                     shell_word(ipaddr).c_str())) {
+        TRACE(TRACE_ERROR, "popen() failed. (errno=%d)", ENAMETOOLONG);
+        return fip_internal_error(FIP_ERR_POPEN);
+    }
+    TRACE(TRACE_INFO, "popen(%s)...", line);
+    command cmd;
+    if (command_open(&cmd, line, arp_limit_ms) != 0) {
+        TRACE(TRACE_ERROR, "popen() failed. (errno=%d)", errno);
+        return fip_internal_error(FIP_ERR_POPEN);
+    }
+    TRACE(TRACE_DEBUG, "popen() succeeded.");
+
+    bool found = false;
+    char text[1024];
+    while (!found && command_read_line(&cmd, text, sizeof(text), nullptr) > 0) {
+        found = fip_find_macaddr(text, macaddr, MACTEXT_SIZE);
+    }
+    const int status = command_close(&cmd);
+    if (!command_ended(status)) {
+        const int err = errno;
+        TRACE(TRACE_ERROR, "pclose(%s) error. (ret=%d,errno=%d)", line, 0, err);
+        fip_set_message("Command failed. (%s(%s), errno=%d)", "pclose", line, err);
+        return FIP_ERR_ABNORMAL;
+    }
+    if (command_status(status) != 0) {
+        TRACE(TRACE_ERROR, "%s : failed. (ret=%d)", line, command_status(status));
+        fip_set_message("Command failed. (%s, ret=%d)", line, command_status(status));
+        return FIP_ERR_STATUS;
+    }
+    TRACE(TRACE_DEBUG, "%s : success.", line);
+    return found ? FIP_SUCCESS : FIP_ERR_NOMAC;
+}
+
+int fip_chk_ip_response(PIP_INFO pip)
+{
+    TRACE(TRACE_DEBUG, "fip_chk_ip_response(%p)  ENTRY...", static_cast<void *>(pip));
+    const FIP_INFO &info = *pip->pinfo;
+    char path[FIP_PATH_SIZE];
+    struct stat st = {};
+    if (!format_text(path, sizeof(path), "%s/%s", inspath, info.pingcmd) || stat(path, &st) != 0) {
+        TRACE(TRACE_ERROR, "%s: Command not found.", path);
+        return FIP_ERR_NOTOOL;
+    }
+    char line[FIP_PATH_SIZE];
+    const bool whole =
+        format_text(line, sizeof(line), "\"%s\" -c %d %s > /dev/null 2>&1", shell_in_quotes(path).c_str(),
+                    info.pingtout, shell_word(pip->addr).c_str());
+    TRACE(TRACE_INFO, "system(%s)...", line);
+    const int status = whole ? command_run(line, info.pingtout * 1000L + tool_grace_ms) : -1;
+    if (!command_ended(status)) {
+        TRACE(TRACE_ERROR, "ping to %s failed (before system()).", pip->addr);
+        return FIP_ERR_ABNORMAL;
+    }
+    switch (command_status(status)) {
+    case tool_silent:
+        return FIP_SUCCESS;
+    case tool_answered:
+        trace_owner(*pip);
+        return FIP_ERR_INUSE;
+    default:
+        TRACE(TRACE_ERROR, "ping to %s failed (after system()).", pip->addr);
+        return FIP_ERR_TOOL;
+    }
+}
+
+void *fip_ping_retry(void *parg)
+{
+    TRACE(TRACE_DEBUG, "fip_ping_retry(%p)  ENTRY...", parg);
+    auto *pip = static_cast<PIP_INFO>(parg);
+    pip->ret = fip_chk_ip_response(pip);
+    if (pip->ret == FIP_SUCCESS) {
+        TRACE(TRACE_INFO, "fip_chk_ip_response(%s) OK.", pip->addr);
+        return nullptr;
+    }
+    TRACE(TRACE_ERROR, "fip_chk_ip_response(%s) failed. (ret=%d)", pip->addr, pip->ret);
+    for (int count = 1; count <= pip->pinfo->pingretry; ++count) {
+        fip_pause(pip->pinfo->pinginterval);
+        TRACE(TRACE_INFO, "ping(%s) retry start, count=%d.", pip->addr, count);
+        pip->ret = fip_chk_ip_response(pip);
+        if (pip->ret == FIP_SUCCESS) {
+            TRACE(TRACE_INFO, "fip_chk_ip_response(%s) succeeded.", pip->addr);
+            return nullptr;
+        }
+    }
+    if (pip->ret == FIP_ERR_INUSE && actflag == 0) {
+        tracemess(TRACE_EVENT, FIP_EVENT_INUSE, trace_source, __LINE__, __func__, nullptr, pip->addr);
+    }
+    if (pip->pinfo->pingretry != 0) {
+        TRACE(TRACE_ERROR, "ping(%s) retry failed.", pip->addr);
+    }
+    return nullptr;
+}
+
+int fip_ping_mkth(PIP_INFO pips, int ipnum)
+{
+    TRACE(TRACE_DEBUG, "fip_ping_mkth(%p, %d)  ENTRY...", static_cast<void *>(pips), ipnum);
+    const auto bytes = static_cast<std::size_t>(ipnum) * sizeof(FIP_THREAD_INFO);
+    heap_array<FIP_THREAD_INFO> pth = heap_zeroed<FIP_THREAD_INFO>(bytes);
+    if (!pth) {
+        TRACE(TRACE_ERROR, "malloc(%d) (pth) failed. (errno:%d)", static_cast<int>(bytes), errno);
+        return fip_internal_error(FIP_ERR_MEMORY);
+    }
+    TRACE(TRACE_DEBUG, "malloc(%d) (pth) success.", static_cast<int>(bytes));
+
+    int last_error = 0;
+    const int started = start_workers(pips, ipnum, pth.get(), &last_error);
+    join_workers(pips, ipnum, pth.get());
+    int result = started == 0 ? last_error : combine(pips, ipnum, pth.get());
+
+    const FIP_INFO &info = *pips[0].pinfo;
+    if (result != FIP_SUCCESS && info.pingforce != 0 && actflag == 0) {
+        TRACE(TRACE_WARNING, "force act fip(%s)!", info.addr);
+        tracemess(TRACE_EVENT, FIP_EVENT_FORCED, trace_source, __LINE__, __func__, nullptr, info.addr);
+        result = FIP_SUCCESS;
+    }
+    pth.reset();
+    TRACE(TRACE_DEBUG, "free (pth) success.");
+    if (result == FIP_ERR_INUSE) {
+        fip_set_message("IP address was already used.");
+    } else if (result != FIP_SUCCESS) {
+        fip_internal_error(result);
+    }
+    return result;
+}
+
+int fip_ping(FIP_INFO *pinfo)
+{
+    TRACE(TRACE_DEBUG, "fip_ping(%p)  ENTRY...", static_cast<void *>(pinfo));
+    if (actflag == 0 && pinfo->pingallip != 0) {
+        address_list list;
+        if (list_addresses(pinfo, &list) == 0) {
+            const int ret = probe(list.pips.get(), list.ipnum);
+            list.servers.reset();
+            TRACE(TRACE_DEBUG, "free(servers) success.");
+            list.pips.reset();
+            TRACE(TRACE_DEBUG, "free(pips) success.");
+            return ret;
+        }
+    }
+    IP_INFO ip = {};
+    copy_text(ip.addr, pinfo->addr);
+    ip.pinfo = pinfo;
+    return probe(&ip, 1);
+}
