@@ -1,0 +1,194 @@
+#include "chkutil.h"
+
+#include "chklog.h"
+#include "heap.h"
+#include "text.h"
+#include "tracersc.h"
+
+#include "qorxml.h"
+
+#include <cerrno>
+#include <cstddef>
+
+namespace
+{
+
+constexpr char trace_source[] = "src/chkutil.c";
+constexpr char property_name[] = "check_properties";
+constexpr char numeric_name[] = "check_numeric_values";
+constexpr char server_path[] = "/root/server";
+
+enum { VALUE_SIZE = 1024, PATH_SIZE = 1024 };
+
+/// Type tags of the policy's bounds.
+enum { TAG_BOUNDS = 1, TAG_FLAG = 2, TAG_SWITCH = 3 };
+
+/// The cluster's servers, one name per slot.
+struct server_list {
+    heap_array<char> names;
+    int num = 0;
+
+    const char *name(int i) const { return &names[static_cast<std::size_t>(i) * QOR_XML_NAME_SLOT]; }
+};
+
+int list_servers(server_list *servers)
+{
+    int size = 0;
+    int ret = xmllib_enum_value(server_path, nullptr, &size);
+    if (ret == QOR_XMLERR_NOTEXIST_PATH) {
+        TRACE_AS(property_name, TRACE_ERROR, "There is no server.");
+        return CHK_PASSED;
+    }
+    if (ret != QOR_XMLERR_SUCCESS && ret != QOR_XMLERR_NOTENOUGH_SIZE) {
+        TRACE_AS(property_name, TRACE_ERROR, "xmllib_enum_value(%s) failed. (ret=%d)", server_path, ret);
+        return CHK_UNREADABLE;
+    }
+    const int svnum = size / QOR_XML_NAME_SLOT;
+    TRACE_AS(property_name, TRACE_DEBUG, "svnum=%d", svnum);
+    if (svnum == 0) {
+        return CHK_PASSED;
+    }
+    servers->names = heap_zeroed<char>(static_cast<std::size_t>(size));
+    if (!servers->names) {
+        TRACE_AS(property_name, TRACE_ERROR, "malloc(%d) (*servers) failed. (errno=%d)", size, errno);
+        return CHK_UNREADABLE;
+    }
+    ret = xmllib_enum_value(server_path, servers->names.get(), &size);
+    if (ret != QOR_XMLERR_SUCCESS) {
+        TRACE_AS(property_name, TRACE_ERROR, "xmllib_enum_value(%s) failed. (ret=%d)", server_path, ret);
+        return CHK_UNREADABLE;
+    }
+    servers->num = svnum;
+    return CHK_PASSED;
+}
+
+int unreadable(const char *func, const char *path, int type, int ret)
+{
+    TRACE_AS(func, TRACE_ERROR, "xmllib_get_value(%s, %d) failed. (ret=%d)", path, type, ret);
+    return CHK_UNREADABLE;
+}
+
+/// Checks the value that a property has for one server.
+int check_special(const char *rscname, const property &prop, const server_list &servers, int server)
+{
+    char path[PATH_SIZE];
+    format_path(path, prop.specialpath, rscname, servers.name(server));
+    char value[VALUE_SIZE] = "";
+    int size = prop.size;
+    const int ret = xmllib_get_value(path, prop.type, value, &size);
+    if (ret == QOR_XMLERR_NOTEXIST_PATH && (servers.num <= 1 || prop.required != 1)) {
+        return CHK_PASSED;
+    }
+    if (ret != QOR_XMLERR_SUCCESS && ret != QOR_XMLERR_NOTEXIST_PATH) {
+        return unreadable(property_name, path, prop.type, ret);
+    }
+    return prop.specialcheckfunc(value) == 0 ? CHK_PASSED : CHK_FINDING;
+}
+
+/// Checks one property, its common value first.
+int check_property(const char *rscname, const property &prop, const server_list &servers)
+{
+    char path[PATH_SIZE];
+    format_path(path, prop.commonpath, rscname, "");
+    char value[VALUE_SIZE] = "";
+    int size = prop.size;
+    const int ret = xmllib_get_value(path, prop.type, value, &size);
+    if (ret != QOR_XMLERR_SUCCESS) {
+        return unreadable(property_name, path, prop.type, ret);
+    }
+    int result = prop.commoncheckfunc(value) == 0 ? CHK_PASSED : CHK_FINDING;
+    for (int i = 0; prop.specialpath != nullptr && i < servers.num; ++i) {
+        const int special = check_special(rscname, prop, servers, i);
+        if (special == CHK_UNREADABLE) {
+            return CHK_UNREADABLE;
+        }
+        result |= special;
+    }
+    return result;
+}
+
+int read_int(const char *path, int *value)
+{
+    int size = sizeof(*value);
+    const int ret = xmllib_get_value(path, QOR_XMLTYPE_INT, value, &size);
+    return ret == QOR_XMLERR_SUCCESS ? CHK_PASSED : unreadable(numeric_name, path, QOR_XMLTYPE_INT, ret);
+}
+
+/// The values that a parameter may have.
+struct bounds {
+    int minimum = 0;
+    int maximum = 1;
+    bool known = true; ///< false: the policy's type tag makes no sense, so nothing is checked
+};
+
+/// Reads a parameter's bounds from the policy.
+int read_bounds(const char *index, bounds *limits)
+{
+    if (index == nullptr) {
+        return CHK_PASSED;
+    }
+    char path[PATH_SIZE];
+    format_path(path, "/root/resource/fip/param%s/type", index, "");
+    int tag = 0;
+    int ret = read_int(path, &tag);
+    if (ret != CHK_PASSED || tag == TAG_FLAG || tag == TAG_SWITCH) {
+        return ret;
+    }
+    if (tag != TAG_BOUNDS) {
+        TRACE_AS(numeric_name, TRACE_ERROR, "Value of type tag %s is invalid. (value=%d)", path, tag);
+        limits->known = false;
+        return CHK_PASSED;
+    }
+    format_path(path, "/root/resource/fip/param%s/minimum", index, "");
+    ret = read_int(path, &limits->minimum);
+    if (ret != CHK_PASSED) {
+        return ret;
+    }
+    format_path(path, "/root/resource/fip/param%s/maximum", index, "");
+    return read_int(path, &limits->maximum);
+}
+
+int check_numeric_value(const char *rscname, const numeric_param &param, int index)
+{
+    char path[PATH_SIZE];
+    format_path(path, param.path, rscname, "");
+    int value = 0;
+    int ret = read_int(path, &value);
+    if (ret != CHK_PASSED) {
+        return ret;
+    }
+    bounds limits;
+    ret = read_bounds(param.index, &limits);
+    if (ret != CHK_PASSED || !limits.known) {
+        return ret;
+    }
+    if (value >= limits.minimum && value <= limits.maximum) {
+        TRACE_AS(numeric_name, TRACE_DEBUG, "Value of %s is %d.", param.name, value);
+        return CHK_PASSED;
+    }
+    chk_log_write(CHK_LEVEL_ERROR, index, "Value of %s is out of range. (value=%d)", param.name, value);
+    return CHK_FINDING;
+}
+
+} // namespace
+
+int check_properties(const char *rscname, const property *properties, int num)
+{
+    server_list servers;
+    int result = list_servers(&servers);
+    for (int i = 0; i < num && result != CHK_UNREADABLE; ++i) {
+        const int checked = check_property(rscname, properties[i], servers);
+        result = checked == CHK_UNREADABLE ? checked : result | checked;
+    }
+    return result;
+}
+
+int check_numeric_values(const char *rscname, const numeric_param *params, int num, int index)
+{
+    int result = CHK_PASSED;
+    for (int i = 0; i < num && result != CHK_UNREADABLE; ++i) {
+        const int checked = check_numeric_value(rscname, params[i], index);
+        result = checked == CHK_UNREADABLE ? checked : result | checked;
+    }
+    return result;
+}

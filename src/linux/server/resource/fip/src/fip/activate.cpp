@@ -1,0 +1,316 @@
+#include "activate.h"
+
+#include "../text.h"
+#include "../unique_fd.h"
+#include "arp.h"
+#include "inventory.h"
+#include "ipaddr.h"
+#include "miiw.h"
+#include "ping.h"
+#include "platform.h"
+#include "source.h"
+#include "srcip.h"
+#include "target.h"
+
+#include "qoripc.h"
+
+#include <sys/socket.h>
+
+namespace
+{
+
+/// Every line of the sequence carries its name, whichever step writes it.
+constexpr char self[] = "fip_start_act";
+
+/// The state of one activation, handed from step to step.
+struct activation {
+    FIP_INFO *info;
+    inventory_rows rows;
+    int rownum = 0;
+    vdevinfo target = {};
+    bool undo = false;    ///< the address must be removed again
+    bool log_mac = false; ///< the announcement found the hardware address
+};
+
+/// The name that the address stands under.
+const char *device_name(const vdevinfo &target)
+{
+    return target.vdevname[0] != '\0' ? target.vdevname : target.ifname;
+}
+
+/// Source routing applies: configured, and an IPv4 address.
+bool uses_source_routing(const FIP_INFO &info)
+{
+    return info.srcipuse == 1 && ipv6flag == 0;
+}
+
+/// Makes sure that no other host answers on the address, unless the node's npsimu flag says to skip that.
+int check_duplicate(FIP_INFO *info)
+{
+    if (info->pingtout == 0) {
+        return FIP_SUCCESS;
+    }
+    if (fip_skips_ping(info->pingnpsimu)) {
+        TRACE_AS(self, TRACE_INFO, "ping was not executed because npsimu is enabled.");
+        return FIP_SUCCESS;
+    }
+    const int ret = fip_ping(info);
+    if (ret != FIP_SUCCESS) {
+        TRACE_AS(self, TRACE_ERROR, "fip_ping() failed. (ret=%d)", ret);
+    } else {
+        TRACE_AS(self, TRACE_DEBUG, "fip_ping() succeeded.");
+    }
+    return ret;
+}
+
+/// Whether the run does without the critical section: an address that names interface and alias needs no
+/// choice that another run could upset. Source routing changes routes that all runs share.
+bool is_trusted(const FIP_INFO &info)
+{
+    const bool trusted = fullnotation != 0 && !uses_source_routing(info);
+    if (trusted) {
+        TRACE_AS(self, TRACE_DEBUG, "trusted mode");
+    }
+    return trusted;
+}
+
+int take_inventory(activation *act)
+{
+    ipaddrinfo *rows = nullptr;
+    const int ret = fip_ifconfig_mkth(&rows, &act->rownum, act->info);
+    act->rows.reset(rows);
+    if (ret != FIP_SUCCESS) {
+        TRACE_AS(self, TRACE_ERROR, "fip_ifconfig_mkth() failed. (ret=%d)", ret);
+        return ret;
+    }
+    TRACE_AS(self, TRACE_DEBUG, "fip_ifconfig_mkth() succeeded.");
+    if (act->rownum == 0) {
+        TRACE_AS(self, TRACE_ERROR, "No IP address");
+        fip_set_message("IP address did not exist.");
+        return FIP_ERR_NOADDR;
+    }
+    return FIP_SUCCESS;
+}
+
+/// Fills the target from the record. A text that is no host's address must never go up.
+int fill_target(activation *act)
+{
+    const FIP_INFO &info = *act->info;
+    vdevinfo *target = &act->target;
+    copy_text(target->sipel.addr, info.addr);
+    copy_text(target->sipel.mask, info.mask);
+    target->sipel.masklen = info.masklen;
+    copy_text(target->ifname, info.ifname);
+    const bool masked = info.mask[0] != '\0';
+    if (!fip_parse_host(info.addr, &target->nipel.addr, &target->nipel6.addr) ||
+        (masked && !fip_parse_addr(info.mask, &target->nipel.mask, &target->nipel6.mask))) {
+        TRACE_AS(self, TRACE_ERROR, "FIP address is invalid");
+        return fip_internal_error(FIP_ERR_IPFORMAT);
+    }
+    return FIP_SUCCESS;
+}
+
+int refuse_present(activation *act)
+{
+    const vdevinfo &target = act->target;
+    if (fip_find_row(act->rows.get(), act->rownum, target.nipel.addr, target.nipel6.addr) != nullptr) {
+        TRACE_AS(self, TRACE_ERROR, "Already used %s.", act->info->addr);
+        fip_set_message("This ip address was already used.  IP=%s", act->info->addr);
+        return FIP_ERR_INUSE;
+    }
+    return FIP_SUCCESS;
+}
+
+int choose_device(activation *act)
+{
+    const int ret = fip_crt_vdevinfo(act->rows.get(), act->rownum, &act->target);
+    if (ret != FIP_SUCCESS) {
+        TRACE_AS(self, TRACE_ERROR, "fip_crt_vdevinfo() failed. (ret=%d)", ret);
+        return ret;
+    }
+    TRACE_AS(self, TRACE_DEBUG, "fip_crt_vdevinfo() succeeded.");
+    return FIP_SUCCESS;
+}
+
+int check_source(activation *act)
+{
+    if (!uses_source_routing(*act->info)) {
+        return FIP_SUCCESS;
+    }
+    const int ret = fip_srcip_check(act->rows.get(), act->rownum, &act->target, act->info->rscname);
+    if (ret == FIP_ERR_INUSE) {
+        TRACE_AS(self, TRACE_ERROR, "A source IP address was already attached %s.", act->target.ifname);
+        fip_set_message("The device has another IP address specified as the transmission source.  Device=%s",
+                        act->target.ifname);
+        return FIP_ERR_INUSE;
+    }
+    if (ret != FIP_SUCCESS) {
+        TRACE_AS(self, TRACE_ERROR, "fip_srcip_check() failed. (ret=%d)", ret);
+        return fip_internal_error(FIP_ERR_INTERNAL);
+    }
+    return FIP_SUCCESS;
+}
+
+int add_address(activation *act)
+{
+    const int ret = fip_act_ipaddr(&act->target, act->info);
+    if (ret != FIP_SUCCESS) {
+        TRACE_AS(self, TRACE_ERROR, "fip_act_ipaddr() failed. (ret=%d)", ret);
+        return ret;
+    }
+    TRACE_AS(self, TRACE_DEBUG, "fip_act_ipaddr() succeeded.");
+    return FIP_SUCCESS;
+}
+
+/// Tells what the link check found, and turns it into an exit code.
+int judge_link(int result)
+{
+    switch (result) {
+    case MIIW_RET_SUCCESS:
+        TRACE_AS(self, TRACE_INFO, "check NIC link success.");
+        return FIP_SUCCESS;
+    case MIIW_RET_FAIL_PARAM:
+        TRACE_AS(self, TRACE_ERROR, "Failed to get NIC status.");
+        fip_set_message("Failed to get NIC status.");
+        return FIP_ERR_NICSTATUS;
+    case MIIW_RET_FAIL_NICDOWN:
+        TRACE_AS(self, TRACE_ERROR, "NIC link status was down.");
+        fip_set_message("Detected NIC Link Down.");
+        return FIP_ERR_LINKDOWN;
+    default:
+        TRACE_AS(self, TRACE_ERROR, "ioctl internal error.");
+        return fip_internal_error(FIP_ERR_INTERNAL);
+    }
+}
+
+int check_link(activation *act)
+{
+    if (act->info->isMiiw == 0) {
+        return FIP_SUCCESS;
+    }
+    const unique_fd sock(socket(ipv6flag != 0 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (sock.fd < 0) {
+        // Nothing is known about the link: the address stays.
+        TRACE_AS(self, TRACE_ERROR, "create socket for NIC link check failed.");
+        return fip_internal_error(FIP_ERR_SOCKET);
+    }
+    const int ret = judge_link(fip_miiw_ioctl(&sock.fd, device_name(act->target), act->info->miiw_method));
+    act->undo = ret != FIP_SUCCESS;
+    return ret;
+}
+
+int set_source(activation *act)
+{
+    if (!uses_source_routing(*act->info)) {
+        return FIP_SUCCESS;
+    }
+    const int ret = fip_srcip_set(&act->target);
+    if (ret != FIP_SUCCESS) {
+        TRACE_AS(self, TRACE_ERROR, "fip_srcip_set() failed. (ret=%d)", ret);
+        act->undo = true;
+        return FIP_ERR_INTERNAL;
+    }
+    return FIP_SUCCESS;
+}
+
+/// Files the device's name in the resource state.
+int file_device(activation *act)
+{
+    char device[SHMRM_FREE_SIZE];
+    copy_text(device, device_name(act->target));
+    if (device[0] == '\0') {
+        TRACE_AS(self, TRACE_ERROR, "write ifname to shmbuf failed, ifname is null.");
+        act->undo = true;
+        return FIP_ERR_NODEV;
+    }
+    const int ret = shmrm_setrscfree(nullptr, "fip", act->info->rscname, device, sizeof(device));
+    if (ret != 0) {
+        TRACE_AS(self, TRACE_ERROR, "shmrm_setrscfree() failed. (ret=%d)", ret);
+        act->undo = true;
+        return FIP_ERR_INTERNAL;
+    }
+    TRACE_AS(self, TRACE_DEBUG, "write %s to shmbuf success.", device);
+    return FIP_SUCCESS;
+}
+
+/// Tells the neighbours. The address is up whatever comes of it, so this never fails the activation.
+int announce(activation *act)
+{
+    if (act->info->arpnum == 0 || ipv6flag != 0) {
+        return FIP_SUCCESS;
+    }
+    const int ret = fip_send_arp(&act->target, act->info->arpnum, act->info->arpopcode);
+    if (ret == FIP_SUCCESS) {
+        TRACE_AS(self, TRACE_INFO, "fip_send_arp() OK.");
+    } else {
+        TRACE_AS(self, TRACE_WARNING, "fip_send_arp() failed. (ret=%d)", ret);
+    }
+    act->log_mac = ret != FIP_ERR_IFLIST && ret != FIP_ERR_NODEV;
+    return FIP_SUCCESS;
+}
+
+/// The sequence behind the duplicate-address check, in order. The first step that fails ends it.
+int run_steps(activation *act)
+{
+    using step = int (*)(activation *);
+    static constexpr step steps[] = {
+        take_inventory, fill_target, refuse_present, choose_device, check_source,
+        add_address,    check_link,  set_source,     file_device,   announce,
+    };
+    for (const step run : steps) {
+        const int ret = run(act);
+        if (ret != FIP_SUCCESS) {
+            return ret;
+        }
+    }
+    return FIP_SUCCESS;
+}
+
+/// Takes the address off again. The activation's own result stands; when the address cannot be removed, the
+/// result message tells of that, since the operator has to act on it.
+void undo_address(activation *act)
+{
+    FIP_INFO *info = act->info;
+    copy_text(info->ifname, device_name(act->target));
+    if (ipv6flag != 0 && info->masklen == 0) {
+        info->masklen = act->target.sipel.masklen;
+    }
+    const int ret = fip_deact_ipaddr(&act->target, info);
+    if (ret != FIP_SUCCESS) {
+        TRACE_AS(self, TRACE_DEBUG,
+                 "NIC link down or write shm failed, fip_deact_ipaddr(%s) failed. (ret=%d).", info->ifname,
+                 ret);
+    } else {
+        TRACE_AS(self, TRACE_DEBUG, "NIC link down or write shm failed, fip_deact_ipaddr() succeeded.");
+    }
+}
+
+/// Everything behind the duplicate-address check.
+int activate(FIP_INFO *info)
+{
+    const ifconfig_section section(!is_trusted(*info));
+    activation act{info, nullptr};
+    const int ret = run_steps(&act);
+    if (ret != FIP_SUCCESS && act.undo) {
+        undo_address(&act);
+    }
+    if (act.log_mac) {
+        TRACE_AS(self, TRACE_INFO, "mac : %s", act.target.smac);
+    }
+    return ret;
+}
+
+} // namespace
+
+int fip_start_act(FIP_INFO *pfipinfo)
+{
+    TRACE(TRACE_DEBUG, "fip_start_act(%p)  ENTRY...", static_cast<void *>(pfipinfo));
+    int ret = check_duplicate(pfipinfo);
+    if (ret != FIP_SUCCESS) {
+        TRACE(TRACE_INFO, "return(%d)", ret);
+        return ret;
+    }
+    ret = activate(pfipinfo);
+    TRACE(TRACE_DEBUG, "return(%d)", ret);
+    return ret;
+}

@@ -1,0 +1,231 @@
+#include "conf_check.h"
+
+#include "../chklog.h"
+#include "../chkutil.h"
+#include "../fip.h"
+#include "../text.h"
+#include "address.h"
+#include "config.h"
+#include "source.h"
+
+#include "qorxml.h"
+
+#include <cassert>
+#include <iterator>
+
+namespace
+{
+
+constexpr char load_name[] = "fip_load_chkconf";
+constexpr char check_name[] = "fip_conf_check";
+
+/// Bytes allowed for a comment, terminator included.
+enum { COMMENT_SIZE = 128 };
+
+constexpr property properties[] = {
+    {"IP Address", QOR_XMLTYPE_TEXT, FIP_ADDRARG_SIZE, "/root/resource/fip@%s/parameters/ip",
+     "/root/resource/fip@%s/server@%s/parameters/ip", fip_fipaddr_check, fip_fipaddr_check, 0},
+};
+
+constexpr numeric_param params[] = {
+    {"Ping Timeout", "/root/resource/fip@%s/parameters/ping/timeout", "2"},
+    {"Ping Retry Count", "/root/resource/fip@%s/parameters/ping/retry", "3"},
+    {"Ping Interval", "/root/resource/fip@%s/parameters/ping/interval", "4"},
+    {"FIP Force Activation", "/root/resource/fip@%s/parameters/ping/force", "5"},
+    {"ARP Send Count", "/root/resource/fip@%s/parameters/arp/retry", "6"},
+    {"Ifconfig Timeout", "/root/resource/fip@%s/parameters/ifconfig/timeout", "7"},
+    {"Ifconfig Status at Failure", "/root/resource/fip@%s/parameters/check/ifconfig/error", "8"},
+    {"Ping Status at Failure", "/root/resource/fip@%s/parameters/check/ping/error", "9"},
+    {"Confirm I/F Deletion", "/root/resource/fip@%s/parameters/check/ifconfig/execute", nullptr},
+    {"Confirm I/F Reception", "/root/resource/fip@%s/parameters/check/ping/execute", nullptr},
+    {"Judge NIC Link Down as Abnormal", "/root/resource/fip@%s/parameters/monmii", nullptr},
+};
+
+/// Reads one half of the file's name.
+int read_name(const char *type, const char *path, char (&name)[FIP_PATH_SIZE])
+{
+    int size = sizeof(name);
+    const int ret = fip_xml_get_path(type, path, name, &size);
+    if (ret != FIP_SUCCESS) {
+        TRACE_AS(load_name, TRACE_ERROR, "fip_xml_get_path() failed. (ret=%d)", ret);
+    }
+    return ret;
+}
+
+/// Loads the file and makes it current.
+int load_file(const char *file, bool whole)
+{
+    int ret = whole ? xmllib_load_pathconfig(file, &hchkconf) : QOR_XMLERR_OTHER;
+    if (ret != QOR_XMLERR_SUCCESS) {
+        hchkconf = nullptr;
+        TRACE_AS(load_name, TRACE_ERROR, "xmllib_load_pathconfig() failed. (ret=%d)", ret);
+        return ret;
+    }
+    ret = xmllib_change_config(hchkconf);
+    if (ret != QOR_XMLERR_SUCCESS) {
+        TRACE_AS(load_name, TRACE_ERROR, "xmllib_change_config() failed. (ret=%d)", ret);
+        static_cast<void>(xmllib_unload_pathconfig(hchkconf));
+        hchkconf = nullptr;
+    }
+    return ret;
+}
+
+/// Writes a row of the table that takes no value.
+void write_row(int level, logindex row)
+{
+    chk_log_write(level, logtbl[row].index, "%s", logtbl[row].msg);
+}
+
+/// Writes a row of the table that takes one text.
+int write_finding(logindex row, const char *value)
+{
+    chk_log_write(CHK_LEVEL_ERROR, logtbl[row].index, logtbl[row].msg, value);
+    return CHK_FINDING;
+}
+
+/// Runs both checks with the policy loaded. *finding tells whether one wrote a finding.
+/// @return 0, or CHK_UNREADABLE
+int check_values(const char *rscname, int *finding)
+{
+    const int text = check_properties(rscname, properties, std::size(properties));
+    if (text == CHK_UNREADABLE) {
+        TRACE_AS(check_name, TRACE_ERROR, "check_properties() failed. (ret=%d)", text);
+        return text;
+    }
+    *finding |= text;
+    const int numeric =
+        check_numeric_values(rscname, params, std::size(params), logtbl[CHK_ID_RANGE_ERR].index);
+    if (numeric == CHK_UNREADABLE) {
+        TRACE_AS(check_name, TRACE_ERROR, "check_numeric_values() failed. (ret=%d)", numeric);
+        return numeric;
+    }
+    *finding |= numeric;
+    return 0;
+}
+
+/// Checks the resource. *finding tells whether a finding was written.
+/// @return 0, or the code of an internal error
+int check_resource(const char *rscname, int *finding)
+{
+    int ret = fip_load_chkconf();
+    if (ret != 0) {
+        TRACE_AS(check_name, TRACE_ERROR, "fip_load_chkconf() failed. (ret=%d)", ret);
+        return ret;
+    }
+    *finding = fip_comment_check(rscname);
+    if (*finding != 0) {
+        TRACE_AS(check_name, TRACE_ERROR, "fip_comment_check() failed. (ret=%d)", *finding);
+        return 0;
+    }
+    ret = xmllib_load_policy("fip");
+    if (ret != QOR_XMLERR_SUCCESS) {
+        TRACE_AS(check_name, TRACE_ERROR, "xmllib_load_policy() failed. (ret=%d)", ret);
+        return ret;
+    }
+    ret = check_values(rscname, finding);
+    static_cast<void>(xmllib_unload_policy("fip"));
+    return ret;
+}
+
+} // namespace
+
+int fip_load_chkconf()
+{
+    TRACE(TRACE_DEBUG, "fip_load_chkconf()  ENTRY...");
+    hchkconf = nullptr;
+    char home[FIP_PATH_SIZE] = "";
+    int ret = read_name("all", "/root/all/path", home);
+    if (ret != FIP_SUCCESS) {
+        return ret;
+    }
+    char relative[FIP_PATH_SIZE] = "";
+    ret = read_name("cluster", "/root/cluster/check/chkconf", relative);
+    if (ret != FIP_SUCCESS) {
+        return ret;
+    }
+    char file[FIP_PATH_SIZE];
+    const bool whole = format_text(file, sizeof(file), "%s/%s", home, relative);
+    TRACE(TRACE_DEBUG, "new configuration file : %s", file);
+    ret = load_file(file, whole);
+    if (ret == QOR_XMLERR_SUCCESS) {
+        TRACE(TRACE_DEBUG, "load %s success", file);
+    }
+    return ret;
+}
+
+void fip_unload_chkconf()
+{
+    TRACE(TRACE_DEBUG, "fip_unload_chkconf()  ENTRY...");
+    if (hchkconf != nullptr) {
+        static_cast<void>(xmllib_unload_pathconfig(hchkconf));
+        hchkconf = nullptr;
+    }
+}
+
+int fip_conf_check(const char *rscname)
+{
+    TRACE(TRACE_DEBUG, "fip_conf_check()  ENTRY...");
+    assert(rscname != nullptr);
+    int finding = 0;
+    const int ret = check_resource(rscname, &finding);
+    fip_unload_chkconf();
+    if (ret != 0) {
+        write_row(CHK_LEVEL_ERROR, CHK_ID_INTERNAL_ERR);
+        return ret;
+    }
+    return finding;
+}
+
+int fip_comment_check(const char *rscname)
+{
+    TRACE(TRACE_DEBUG, "fip_comment_check()  ENTRY...");
+    assert(rscname != nullptr);
+    char path[FIP_PATH_SIZE];
+    format_text(path, sizeof(path), "/root/resource/fip@%s/comment", rscname);
+    char comment[COMMENT_SIZE] = "";
+    int size = sizeof(comment);
+    const int ret = xmllib_get_value(path, QOR_XMLTYPE_TEXT, comment, &size);
+    logindex row = CHK_ID_INTERNAL_ERR;
+    switch (ret) {
+    case QOR_XMLERR_SUCCESS:
+        return 0;
+    case QOR_XMLERR_NOTENOUGH_SIZE:
+        row = CHK_ID_COMMENT_RANGE_ERR;
+        break;
+    case QOR_XMLERR_NOTEXIST_PATH:
+        row = CHK_ID_COMMENT_PATH_ERR;
+        break;
+    default:
+        break;
+    }
+    write_row(CHK_LEVEL_ERROR, row);
+    TRACE(TRACE_ERROR, "xmllib_get_value(%s) failed. (ret=%d)", path, ret);
+    return CHK_FINDING;
+}
+
+int fip_fipaddr_check(const char *address)
+{
+    TRACE(TRACE_DEBUG, "fip_fipaddr_check()  ENTRY...");
+    assert(address != nullptr);
+    fip_ipck(address);
+    FIP_INFO info = {};
+    const int ret = fip_div_ipmask(address, info.addr, info.mask, &info.masklen, info.ifname);
+    if (ret == FIP_ERR_MASK || info.masklen < 0) {
+        return write_finding(CHK_ID_MASK_ERR, address);
+    }
+    if (ret == FIP_ERR_IPFORMAT) {
+        return write_finding(CHK_ID_IPFOMAT_ERR, address);
+    }
+    if (ret == FIP_ERR_IFNAME) {
+        return write_finding(CHK_ID_NIC_ERR, address);
+    }
+    if (info.addr[0] == '\0') {
+        return write_finding(CHK_ID_EMPTY_ERR, "IP address");
+    }
+    in_addr addr = {};
+    in6_addr addr6 = {};
+    if (!fip_parse_addr(info.addr, &addr, &addr6)) {
+        return write_finding(CHK_ID_IPADDR_ERR, info.addr);
+    }
+    return 0;
+}
