@@ -101,7 +101,10 @@ struct spawn_setup {
 
 int start(command *cmd, const char *line, long limit_ms, const spawn_setup &setup)
 {
-    const char *argv[] = {"sh", "-c", line, nullptr};
+    // The shell makes way for the command: waiting for it, it would turn the signal that ends it into an exit
+    // status.
+    const std::string exec_line = std::string("exec ") + line;
+    const char *argv[] = {"sh", "-c", exec_line.c_str(), nullptr};
     pid_t pid = -1;
     const int ret =
         posix_spawn(&pid, "/bin/sh", &setup.files, &setup.attr, const_cast<char **>(argv), environ);

@@ -30,7 +30,7 @@ struct command {
 enum { COMMAND_NO_LIMIT = 0 };
 
 /// Starts a command whose standard output is read with command_read_line.
-/// @param line      handed to /bin/sh -c
+/// @param line      one simple command, handed to /bin/sh -c
 /// @param limit_ms  it is killed after so many milliseconds, or COMMAND_NO_LIMIT
 /// @return 0, or -1 with errno
 [[nodiscard]] int command_open(command *cmd, const char *line, long limit_ms);
@@ -46,7 +46,7 @@ enum { COMMAND_NO_LIMIT = 0 };
 /// @return its wait status, or -1 with errno when it cannot be had
 [[nodiscard]] int command_close(command *cmd);
 
-/// Runs a command and waits for it.
+/// Runs a command, given as to command_open, and waits for it.
 /// @return its wait status, or -1 with errno when it could not be run
 [[nodiscard]] int command_run(const char *line, long limit_ms);
 

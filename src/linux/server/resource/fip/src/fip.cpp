@@ -51,6 +51,21 @@ int fip_internal_error(int code)
     return code;
 }
 
+int fip_run_bounded(const worker_texts &texts, const FIP_INFO &info, worker_entry entry,
+                    const std::shared_ptr<void> &block, std::atomic<int> *endflag)
+{
+    const worker_limits limits = {info.checkstime, info.checkloopc};
+    switch (worker_run(texts, limits, entry, block, endflag, nullptr)) {
+    case WORKER_NOT_STARTED:
+        return fip_internal_error(FIP_ERR_THREAD);
+    case WORKER_LATE:
+        return fip_internal_error(FIP_ERR_TIMEOUT);
+    case WORKER_IN_TIME:
+        break;
+    }
+    return FIP_SUCCESS;
+}
+
 bool fip_parse_addr(const char *text, in_addr *addr, in6_addr *addr6)
 {
     if (ipv6flag != 0) {

@@ -4,6 +4,7 @@
 #define FIP_H
 
 #include "nicCommon.h"
+#include "worker.h"
 
 #include <atomic>
 #include <netinet/in.h>
@@ -153,6 +154,11 @@ void fip_set_message(const char *fmt, ...) __attribute__((format(printf, 1, 2)))
 /// Puts "Internal error. (status=CODE)" into shmbuf.
 /// @return code
 int fip_internal_error(int code);
+
+/// Runs a worker that waits for a command, within the resource's time-out.
+/// @return 0 when it ended in time; FIP_ERR_THREAD or FIP_ERR_TIMEOUT, with a result message
+[[nodiscard]] int fip_run_bounded(const worker_texts &texts, const FIP_INFO &info, worker_entry entry,
+                                  const std::shared_ptr<void> &block, std::atomic<int> *endflag);
 
 /// Converts an address text to numeric form by ipv6flag; only the matching one of the two is written.
 /// @return true when the text is an address

@@ -103,6 +103,16 @@ void copy_name(const char *const *names, std::size_t count, int ret, char *errst
     snprintf(errstr, TRACE_ERRSTR_SIZE, "%s", name);
 }
 
+enum { NAMED_DETAIL_SIZE = TRACE_ERRSTR_SIZE + 16 };
+
+/// Writes a result in hexadecimal and by its library's name.
+void name_detail(char (&detail)[NAMED_DETAIL_SIZE], int ret, void (*makeerrstr)(int, char *))
+{
+    char name[TRACE_ERRSTR_SIZE];
+    makeerrstr(ret, name);
+    snprintf(detail, sizeof(detail), "%#x %s", static_cast<unsigned>(ret), name);
+}
+
 } // namespace
 
 void traceopen(const char *type, int level, int size, const char *path)
@@ -213,10 +223,8 @@ void tracesys(int ret, int err, const char *pname, int line, const char *pfunc, 
 
 void tracexml(int ret, const char *pname, int line, const char *pfunc, const char *fmt, ...)
 {
-    char name[TRACE_ERRSTR_SIZE];
-    makeerrstr_xml(ret, name);
-    char detail[TRACE_ERRSTR_SIZE + 16];
-    snprintf(detail, sizeof(detail), "%#x %s", static_cast<unsigned>(ret), name);
+    char detail[NAMED_DETAIL_SIZE];
+    name_detail(detail, ret, makeerrstr_xml);
     va_list args;
     va_start(args, fmt);
     format_result(ret, {pname, line, pfunc}, detail, fmt, args);
@@ -225,10 +233,8 @@ void tracexml(int ret, const char *pname, int line, const char *pfunc, const cha
 
 void traceshmrm(int ret, const char *pname, int line, const char *pfunc, const char *fmt, ...)
 {
-    char name[TRACE_ERRSTR_SIZE];
-    makeerrstr_shmrm(ret, name);
-    char detail[TRACE_ERRSTR_SIZE + 16];
-    snprintf(detail, sizeof(detail), "%#x %s", static_cast<unsigned>(ret), name);
+    char detail[NAMED_DETAIL_SIZE];
+    name_detail(detail, ret, makeerrstr_shmrm);
     va_list args;
     va_start(args, fmt);
     format_result(ret, {pname, line, pfunc}, detail, fmt, args);

@@ -2,7 +2,6 @@
 
 #include "../command.h"
 #include "../text.h"
-#include "../worker.h"
 #include "address.h"
 #include "source.h"
 
@@ -18,6 +17,8 @@ namespace
 constexpr char self[] = "fip_get_ipaddrlist";
 constexpr char separators[] = " \t\n";
 constexpr int row_step = 16;
+/// More rows than any node has: a command that prints headers without end must not eat the memory.
+constexpr int max_rows = 65'536;
 
 /// Makes room for one more row; rows come in steps, zeroed.
 int make_room(inventory_reader *reader)
@@ -29,7 +30,11 @@ int make_room(inventory_reader *reader)
     const bool first = reader->num == 0;
     const auto bytes = static_cast<std::size_t>(reader->num) * sizeof(ipaddrinfo) + step_bytes;
     const char *call = first ? "malloc" : "realloc";
-    auto *grown = static_cast<ipaddrinfo *>(first ? malloc(bytes) : realloc(reader->rows.get(), bytes));
+    ipaddrinfo *grown = nullptr;
+    errno = ENOMEM;
+    if (reader->num < max_rows) {
+        grown = static_cast<ipaddrinfo *>(first ? malloc(bytes) : realloc(reader->rows.get(), bytes));
+    }
     if (grown == nullptr) {
         TRACE_AS(self, TRACE_ERROR, "%s(%d) failed. (errno=%d)", call, static_cast<int>(step_bytes), errno);
         return fip_internal_error(FIP_ERR_MEMORY);
@@ -214,14 +219,9 @@ int inventory_by_command(ipaddrinfo **ipaddrlist, int *num, const FIP_INFO *pfip
     if (!copy_text(block->cmdpath, shell_word(pfipinfo->ifconfcmd).c_str())) {
         return abnormal_end(block->cmdpath, ENAMETOOLONG);
     }
-    const worker_limits limits = {pfipinfo->checkstime, pfipinfo->checkloopc};
-    switch (worker_run(texts, limits, fip_cmd_popen, block, &ifconfthend, nullptr)) {
-    case WORKER_NOT_STARTED:
-        return fip_internal_error(FIP_ERR_THREAD);
-    case WORKER_LATE:
-        return fip_internal_error(FIP_ERR_TIMEOUT);
-    case WORKER_IN_TIME:
-        break;
+    const int ret = fip_run_bounded(texts, *pfipinfo, fip_cmd_popen, block, &ifconfthend);
+    if (ret != FIP_SUCCESS) {
+        return ret;
     }
     *ipaddrlist = block->list;
     *num = block->ipaddr_num;

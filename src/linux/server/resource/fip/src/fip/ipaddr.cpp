@@ -2,7 +2,6 @@
 
 #include "../command.h"
 #include "../text.h"
-#include "../worker.h"
 #include "source.h"
 
 #include <memory>
@@ -52,16 +51,8 @@ int change_by_command(const char *self, const std::shared_ptr<IP_CMD_INFO> &bloc
     const worker_texts texts = {
         trace_source,    self, "fip_cmd_system", "ffip_cmd_system", "thread timeout. command :ifconfig",
         FIP_ERR_TIMEOUT, true};
-    const worker_limits limits = {info.checkstime, info.checkloopc};
-    switch (worker_run(texts, limits, fip_cmd_system, block, &actthend, nullptr)) {
-    case WORKER_NOT_STARTED:
-        return fip_internal_error(FIP_ERR_THREAD);
-    case WORKER_LATE:
-        return fip_internal_error(FIP_ERR_TIMEOUT);
-    case WORKER_IN_TIME:
-        break;
-    }
-    return block->ret;
+    const int ret = fip_run_bounded(texts, info, fip_cmd_system, block, &actthend);
+    return ret != FIP_SUCCESS ? ret : block->ret;
 }
 
 } // namespace
