@@ -100,6 +100,7 @@ expect() {
     for address in localhost 192.0.2 192.0.2.2/24 192.0.2.2%eth0 0.0.0.0 :: 224.0.0.1 255.255.255.255 \
         ff02::1%eth0 ::ffff:192.0.2.2 fe80::2% fe80::2%none; do bad+=("-c 1 $address"); done
     for arguments in "${bad[@]}"; do
+        # shellcheck disable=SC2086 # words
         expect 2 $arguments
         [[ $output == Usage:* || $output == qorping:* ]]
     done

@@ -8,6 +8,7 @@ setup() {
 
 # field OFFSET TEXT: puts text into the table of resource states
 field() {
+    # shellcheck disable=SC2059 # escapes are meant
     printf "$2" | dd of="$QOR_HOME/run/resource.shm" bs=1 seek="$1" conv=notrunc status=none
 }
 
@@ -65,6 +66,7 @@ npsimu: off' ]
 
 @test "refuses unknown arguments with 2 and the usage" {
     for arguments in --bad web1 --npsimu "--npsimu yes" "--npsimu on --plain" "--plain x" "--help x"; do
+        # shellcheck disable=SC2086 # words
         run "$QORSTAT" $arguments
         [ "$status" -eq 2 ]
         [[ "$output" == Usage:* ]]
