@@ -1,9 +1,12 @@
 # `cmake --install` makes a working suite home below the prefix: programs, the sample etc/, man pages.
+set(qor_config_permissions OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
+set(qor_state_permissions OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE)
+set(qor_pages docs/qorfip.8 docs/qorping.8 docs/qorstat.8)
+
 install(TARGETS qorfip qorping qorstat RUNTIME DESTINATION bin)
-install(DIRECTORY etc/ DESTINATION etc
-        FILE_PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
+install(DIRECTORY etc/ DESTINATION etc FILE_PERMISSIONS ${qor_config_permissions})
 # The sample policy names this file as the configuration under check: the sample passes its own check.
 install(FILES etc/cluster.xml DESTINATION etc/check)
-install(FILES docs/qorfip.8 docs/qorping.8 docs/qorstat.8 DESTINATION share/man/man8)
-install(DIRECTORY DESTINATION log DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE)
-install(DIRECTORY DESTINATION run DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE)
+install(FILES ${qor_pages} DESTINATION share/man/man8)
+install(DIRECTORY DESTINATION log DIRECTORY_PERMISSIONS ${qor_state_permissions})
+install(DIRECTORY DESTINATION run DIRECTORY_PERMISSIONS ${qor_state_permissions})

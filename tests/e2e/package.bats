@@ -6,7 +6,7 @@ source "$BATS_TEST_DIRNAME/fip_helper.bash"
 setup_file() {
     : "${QOR_BIN:?the programs}"
     export root="$BATS_FILE_TMPDIR/root" control="$BATS_FILE_TMPDIR/control"
-    umask 000 # must not show in the package
+    umask 007 # must not show in the package
     cpack -G DEB --config "$QOR_BIN/../CPackConfig.cmake" -B "$BATS_FILE_TMPDIR"
     umask 022
     deb=$(echo "$BATS_FILE_TMPDIR"/*.deb)
@@ -43,7 +43,7 @@ completes() {
 }
 
 @test "lintian finds nothing, and no override without use" {
-    run -0 lintian --allow-root --fail-on error,warning "$deb"
+    run -0 lintian --allow-root --display-info --fail-on error,warning "$deb"
     [[ $output != *unused-override* && $output != *mismatched-override* ]] || fail
 }
 
@@ -52,7 +52,7 @@ completes() {
     [ "$(dpkg-deb -f "$deb" Version)" = "${version#qorstat }" ]
     [ "$(dpkg-parsechangelog -l "$QOR_SOURCE/package/changelog" -S Version)" = "${version#qorstat }" ]
     grep -qF "## [${version#qorstat }]" "$QOR_SOURCE/CHANGELOG.md"
-    for needed in libc6 libgcc-s1 libxml2; do
+    for needed in libc6 libgcc-s1 libstdc++6 libxml2; do
         [[ $(dpkg-deb -f "$deb" Depends) == *"$needed ("* ]] || fail "$needed"
     done
 }
@@ -99,6 +99,19 @@ completes() {
     [ -f "$root/etc/opt/qor/cluster.xml" ]
 }
 
+@test "it is not installed over a home that was made by hand" {
+    ip netns add "$here"
+    installed "$control/preinst" install
+    for name in etc log run; do
+        mv "$root/opt/qor/$name" link
+        mkdir "$root/opt/qor/$name"
+        run -1 installed "$control/preinst" install
+        [ "$output" = "qorfip: /opt/qor/$name was installed by hand: move it away first" ] || fail
+        rmdir "$root/opt/qor/$name"
+        mv link "$root/opt/qor/$name"
+    done
+}
+
 @test "completion of the modes, options, resources, interfaces and flags" {
     mkdir -p "$QOR_HOME/etc/check"
     cat >"$QOR_HOME/etc/cluster.xml" <<-'EOT'
@@ -127,9 +140,9 @@ completes() {
     completes '-c --help --version' qorping ''
     completes '' qorping -c ''
     [ ! -e made ]
+    QOR_HOME=home completes '' qorfip --active -r web # relative: not taken, as by the agent
 
     rm "$QOR_HOME/etc/cluster.xml"
     mkfifo "$QOR_HOME/etc/cluster.xml"
     completes '' qorfip --active -r ''
-    QOR_HOME=home completes '' qorfip --active -r nosuch
 }

@@ -29,7 +29,7 @@ int qorhome_mkdir(const char *relative)
     if (ret != 0) {
         return ret;
     }
-    if (mkdir(path, 0755) != 0 && errno != EEXIST) {
+    if (mkdir(path, 0750) != 0 && errno != EEXIST) {
         return errno;
     }
     return 0;

@@ -15,7 +15,7 @@
 /// @return 0, or ENAMETOOLONG when the name does not fit (buf then holds the empty text)
 [[nodiscard]] int qorhome_path(const char *relative, char *buf, std::size_t size);
 
-/// Makes sure that a directory below the suite home exists, creating it (mode 0755) when only its last
+/// Makes sure that a directory below the suite home exists, creating it (mode 0750) when only its last
 /// component is missing.
 /// @return 0, or the errno of the failing call
 [[nodiscard]] int qorhome_mkdir(const char *relative);
