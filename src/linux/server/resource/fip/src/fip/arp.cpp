@@ -29,6 +29,11 @@ constexpr std::size_t ip_length = sizeof(in_addr);
 /// How long a send may wait for room in the device's queue, seconds: a stuck device must not hang the run.
 constexpr int send_limit_s = 1;
 
+/// The socket of the last announcement, which the end of the process closes. Closing a packet socket waits
+/// for an RCU grace period, 10 ms or so, and the announcement is made inside the critical section: with fifty
+/// addresses to take over, the last of them would be up half a second later.
+unique_fd packet_socket;
+
 const unsigned char *mac_of(const sockaddr_ll *sll)
 {
     return reinterpret_cast<const unsigned char *>(sll) + offsetof(sockaddr_ll, sll_addr);
@@ -111,7 +116,8 @@ int announce(const vdevinfo &dev, const ifaddrs &entry, int count, int opcode)
     memcpy(dst.get(), entry.ifa_broadaddr, dstsz);
     static_cast<sockaddr_ll *>(dst.get())->sll_protocol = htons(ETHERTYPE_ARP);
 
-    const unique_fd sock(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    unique_fd &sock = packet_socket;
+    sock.reset(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (sock.fd < 0) {
         TRACE_AS(self, TRACE_ERROR, "socket() failed. (sock=%d)", sock.fd);
         return fip_internal_error(FIP_ERR_SOCKET);
