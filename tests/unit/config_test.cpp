@@ -55,7 +55,8 @@ const std::string all_set = R"(<ip>10.0.0.1/24%eth0:1</ip>
     <execute>23</execute><retry>24</retry><interval>25</interval><error>26</error></ifconfig>
     <ping><execute>27</execute><retry>28</retry><interval>29</interval><error>30</error></ping></check>
     <defmethod>31</defmethod><monmii>32</monmii></parameters></fip>
-    <fip><parameters><ping><path>p</path></ping><arp><path>a</path></arp><ifconfig><path>i</path></ifconfig>)";
+    <fip><parameters><ping><path>p</path></ping>
+    <arp><path>a</path></arp><ifconfig><path>i</path></ifconfig>)";
 
 TEST_F(ConfigTest, ReadsParameters_ByRunMode)
 {

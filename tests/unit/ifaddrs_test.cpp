@@ -196,7 +196,11 @@ TEST_F(IfaddrsTest, TellsWhyNothingIsAnnounced)
         {[] { add_link("ETH0", 6); }, device, 0},
         {[] { add("eth0", AF_UNSPEC); }, device, 0},
         {[] { add_link("eth0", 0); }, mac, 0},
-        {[] { add_address("eth0", "fd00:a06::1", "ffff::"); }, mac, 0}, // byte 11 is no address length
+        {[] { // read as a hardware address, its byte 11 would be the length
+             add_address("eth0", "fd00:a06::1", "ffff::");
+             kernel.list.back().ifa.ifa_broadaddr = kernel.list.back().ifa.ifa_netmask;
+         },
+         mac, 0},
         {[] { add_link("eth0", 6, false); }, mac, 0},
         {[] { add_link("eth0", 21); }, mac, 0},
         {[] { kernel.socket_fails = true; }, "19 [socket() failed. (sock=-1)" + internal + "19)", 0},

@@ -30,7 +30,7 @@ TEST_F(TraceTest, WritesMessage_BehindPrefix)
         trace(TRACE_INFO, source, 7, "f", "%s", text);
         EXPECT_EQ(lines(), std::string("4 f | ").append(prefix).append(text).append(";"));
     }
-    trace(TRACE_INFO, source, 7, "f", none);
+    trace(TRACE_INFO, source, 7, "f", none, "no format, no line");
     trace_ex(TRACE_INFO, source, 7, "f", "the second log is not open");
     tracemess(TRACE_EVENT, 10, source, 7, "f", none, "1.2.3.4"); // events have no prefix
     tracemess3(TRACE_EVENT, 1, source, 7, "f", "%s %s %s", "a", "b", "c");

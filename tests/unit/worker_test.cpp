@@ -8,7 +8,9 @@
 #include "worker.h"
 
 #include <csignal>
+#include <fcntl.h>
 #include <functional>
+#include <sys/resource.h>
 
 namespace
 {
@@ -135,6 +137,20 @@ TEST_F(WorkerTest, EndsCommandAtItsLimit_WithAllItStarted)
     EXPECT_EQ(command_read_line(&cmd, text, sizeof(text), nullptr), 0U);
     EXPECT_EQ(command_close(&cmd), SIGKILL);
     EXPECT_EQ(command_close(&cmd), -1); // once only
+    rlimit before = {};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit few = {64, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &few);
+    {
+        std::vector<unique_fd> all(64); // no descriptor is left to wait with
+        for (unique_fd &held : all) {
+            held.reset(open("/dev/null", O_RDONLY | O_CLOEXEC));
+        }
+        EXPECT_EQ(all.back().fd, -1);
+        EXPECT_EQ(command_run(line.c_str(), 500), SIGKILL);
+        EXPECT_EQ(command_run("sh -c 'exit 3'", 60'000), 3 << 8);
+    }
+    setrlimit(RLIMIT_NOFILE, &before);
     EXPECT_EQ(command_run("sh -c 'cat; exit 7'", COMMAND_NO_LIMIT),
               7 << 8); // there is no input, never the terminal's
     EXPECT_EQ(command_run(std::string(200'000, ' ').c_str(), COMMAND_NO_LIMIT),
@@ -168,9 +184,9 @@ TEST_F(WorkerTest, QuotesForShell)
     }
     for (const std::string &text :
          {std::string("/opt/qor"), std::string("fe80::1%eth0:1/64"), std::string(""), std::string("'"),
-          std::string("~"), std::string("#x"), every}) {
+          std::string("~"), std::string("\\\\$x\\"), every}) {
         const std::string word = shell_word(text.c_str()), quoted = shell_in_quotes(text.c_str());
-        EXPECT_EQ(word == text, text.size() > 2 && text.size() < 255) << text;
+        EXPECT_EQ(word == text, text != every && text.find('/') != std::string::npos) << text;
         for (const std::string &written : {word, std::string("\"").append(quoted).append("\"")}) {
             const std::string line = "printf %s " + written + " > " + (home / "printed").string();
             EXPECT_EQ(command_run(line.c_str(), COMMAND_NO_LIMIT), 0);

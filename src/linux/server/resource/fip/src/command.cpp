@@ -50,6 +50,31 @@ bool wait_ready(command *cmd, int fd)
     return true;
 }
 
+/// Waits for the end of a command that has a deadline; it does not outlive that.
+void await_end(command *cmd)
+{
+    if (cmd->deadline == 0) {
+        return;
+    }
+    // glibc 2.36 declares pidfd_open(2) without C linkage.
+    const unique_fd pidfd(static_cast<int>(syscall(SYS_pidfd_open, cmd->pid, 0)));
+    if (pidfd.fd >= 0) {
+        static_cast<void>(wait_ready(cmd, pidfd.fd));
+        return;
+    }
+    // No descriptor is left, or the kernel does not know them: look now and then.
+    siginfo_t end = {};
+    const auto pid = static_cast<id_t>(cmd->pid);
+    while (waitid(P_PID, pid, &end, WEXITED | WNOHANG | WNOWAIT) == 0 && end.si_pid == 0) {
+        if (now_ms() >= cmd->deadline) {
+            kill_group(*cmd);
+            cmd->deadline = 0;
+            return;
+        }
+        usleep(10'000);
+    }
+}
+
 /// Fills the buffer. @return false at the end of the output, or of the command's time: something that it left
 /// running may hold the pipe open for ever
 bool fill_buffer(command *cmd)
@@ -175,13 +200,7 @@ int command_close(command *cmd)
         errno = ECHILD;
         return -1;
     }
-    if (cmd->deadline != 0) {
-        // glibc 2.36 declares pidfd_open(2) without C linkage.
-        const unique_fd pidfd(static_cast<int>(syscall(SYS_pidfd_open, cmd->pid, 0)));
-        if (pidfd.fd >= 0) {
-            static_cast<void>(wait_ready(cmd, pidfd.fd));
-        }
-    }
+    await_end(cmd);
     int status = 0;
     pid_t ret = -1;
     do {
