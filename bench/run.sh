@@ -28,7 +28,7 @@ clean_up() {
 trap clean_up EXIT
 
 # The configuration: fip "one" uses the kernel, "detect" looks for ifconfig first, "command" finds BusyBox's;
-# "probe" pings its address, "probeN" N addresses at once.
+# "probe" pings its address, "probeN" N addresses at once, and "fN" are for many runs at once.
 write_configuration() {
     local name server
     cmake --install build/release --prefix "$home" >/dev/null
@@ -50,6 +50,10 @@ write_configuration() {
             probe*) echo "<ifconfig><use>1</use></ifconfig><ping><timeout>1</timeout><allip>1</allip></ping>" ;;
             esac
             echo "</parameters></fip>"
+        done
+        for server in $(seq 50); do
+            echo "<fip name=\"f$server\"><parameters><ip>10.99.202.$server/16%eth0</ip>"
+            echo "<ifconfig><use>1</use></ifconfig></parameters></fip>"
         done
         echo "</resource></root>"
     } >"$home/etc/cluster.xml"
@@ -175,6 +179,18 @@ grow() {
     present 1
 }
 
+at_once() {
+    local count start reset wall
+    printf '\n## Many runs at once\n\nActivations of different resources, kernel way, until the last one has ended.\n\n'
+    printf '| runs at once | wall ms | per run ms |\n|---:|---:|---:|\n'
+    for count in 1 10 50; do
+        start="for i in \$(seq $count); do $(active "f\$i") & done"
+        reset="for i in \$(seq $count); do ip addr del 10.99.202.\$i/16 dev eth0; done"
+        wall=$(cost "$reset" sh -c "$start; wait" | cut -f 1)
+        printf '| %s | %s | %s |\n' "$count" "$wall" "$(awk "BEGIN { printf \"%.2f\", $wall / $count }")"
+    done
+}
+
 probes() {
     local count off
     # shellcheck disable=SC2046
@@ -198,4 +214,5 @@ printf '# Performance\n\nWritten by `script/bench` on %s: %s cores, %s, Linux %s
 compare_activation
 compare_deactivation
 grow
+at_once
 probes
