@@ -254,6 +254,8 @@ TEST_F(QorLog, StartsNewLine_AfterTornOne)
     std::ofstream(log) << "2026-11-22 19:2";
     ASSERT_EQ(open_log(), 0);
     ASSERT_EQ(say("first"), 0);
+    void *other = nullptr; // who knows nothing of the piece that the first one will leave
+    ASSERT_EQ(log_init("fip", &other, 8, 0, nullptr), 0);
     struct rlimit limit = {};
     ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
     const rlim_t usual = std::exchange(limit.rlim_cur, fs::file_size(log) + 10);
@@ -263,11 +265,13 @@ TEST_F(QorLog, StartsNewLine_AfterTornOne)
     EXPECT_EQ(say("refused"), EFBIG);
     limit.rlim_cur = usual;
     ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    ASSERT_EQ(log_write(other, 1, 0, "f", 7, "go", "other"), 0);
     ASSERT_EQ(say("second"), 0);
+    log_term(other);
     const Texts all = lines(log);
-    ASSERT_EQ(all.size(), 4U);
-    EXPECT_TRUE(all[0].size() == 15 && all[2].size() == 10);
-    EXPECT_TRUE(all[1].ends_with("| first") && all[3].ends_with("| second"));
+    ASSERT_EQ(all.size(), 5U);
+    EXPECT_TRUE(all[0].size() == 15 && all[2].size() == 9); // its last byte became the newline
+    EXPECT_TRUE(all[1].ends_with("| first") && all[3].ends_with("| other") && all[4].ends_with("| second"));
 }
 
 TEST_F(QorLog, FinishesLine_WhenThreadIsCancelled)

@@ -183,7 +183,19 @@ void next_file(log_file &log)
     }
 }
 
-/// Writes a line with one write(2). line[0] is a newline that goes along only when the last write failed.
+/// Ends the piece of a line that a full disk let through, by making its last byte a newline: the other
+/// processes, which append behind it, cannot know that it is one. The file is opened once more because Linux
+/// appends on a descriptor that was opened for it, wherever pwrite(2) is told to write.
+bool end_piece(int fd)
+{
+    char path[32];
+    snprintf(path, sizeof(path), "/proc/self/fd/%d", fd);
+    const off_t end = lseek(fd, 0, SEEK_CUR);
+    const descriptor again(open(path, O_WRONLY | O_CLOEXEC | O_NONBLOCK));
+    return end > 0 && again.fd >= 0 && pwrite(again.fd, "\n", 1, end - 1) == 1;
+}
+
+/// Writes a line with one write(2). line[0] is a newline that goes along only behind a piece.
 int append(log_file &log, const char *line, std::size_t len)
 {
     const std::lock_guard<std::mutex> guard(log.mutex);
@@ -195,7 +207,9 @@ int append(log_file &log, const char *line, std::size_t len)
         } while (written < 0 && errno == EINTR);
         const bool complete = written >= 0 && static_cast<std::size_t>(written) == len - skip;
         const int incomplete = written < 0 ? errno : ENOSPC;
-        log.torn = !complete;
+        if (written > 0) {
+            log.torn = !complete && !end_piece(log.file.fd);
+        }
         struct stat st = {};
         const bool known = fstat(log.file.fd, &st) == 0;
         if (!known || st.st_nlink > 0) {
