@@ -6,68 +6,55 @@
 
 using AddressTest = FipTest;
 
-// "-" for a field that is untouched.
-template <std::size_t N>
-std::string shown(const char (&field)[N])
+// "-" for a field that is untouched, "." for an empty one.
+std::string shown(const char *field)
 {
-    return std::string(field, N) == std::string(N, '#') ? "-" : field;
+    return *field == '#' ? "-" : *field == '\0' ? "." : field;
 }
+
+// ARGUMENT | OUTCOME | ADDR MASK MASKLEN IFNAME FAMILY FULL; 15 stands for fifteen-letters, 45 for 45 digits
+constexpr char arguments[] = R"(
+192.168.0.10 | 0 | 192.168.0.10 - - - 4 0
+1.2.3.4/0 | 0 | 1.2.3.4 0.0.0.0 0 - 4 0
+1.2.3.4/32 | 0 | 1.2.3.4 255.255.255.255 32 - 4 0
+1.2.3.4/33 | 31 [over max mask bit num.(mask bit=33)] | 1.2.3.4 - 33 - 4 0
+1.2.3.4/-1 | 31 [Mask is invalid.(mask=-1)] | 1.2.3.4 - -1 - 4 0
+1.2.3.4/4294967320 | 31 [over max mask bit num.(mask bit=2147483647)] | 1.2.3.4 - 2147483647 - 4 0
+1.2.3.4/000000000000024 | 0 | 1.2.3.4 255.255.255.0 24 - 4 0
+1.2.3.4/0000000000000024 | 31 [Mask is invalid.(mask=0000000000000024)] | 1.2.3.4 - - - 4 0
+10.0.0.1/24%eth0:3 | 0 | 10.0.0.1 255.255.255.0 24 eth0:3 4 1
+10.0.0.1%eth0/24 | 29 [FIP address is invalid] | 10.0.0.1%eth0 - - - 4 0
+10.0.0.1%eth0:1:2 | 30 [IP alias is invalid.(alias=1:2)] | 10.0.0.1 - - eth0:1:2 4 0
+10.0.0.1%eth0:9999 | 0 | 10.0.0.1 - - eth0:9999 4 1
+10.0.0.1%e:10000 | 30 [over max IP alias num.(alias=10000)] | 10.0.0.1 - - e:10000 4 0
+1.1.1.1%e:9999999999 | 30 [over max IP alias num.(alias=2147483647)] | 1.1.1.1 - - e:9999999999 4 0
+10.0.0.1%<15> | 0 | 10.0.0.1 - - <15> 4 0
+10.0.0.1%<15>x | 30 [Interface name is too long.] | 10.0.0.1 - - <15>x 4 0
+10.0.0.1%<15>:000000000000001 | 0 | 10.0.0.1 - - <15>:000000000000001 4 1
+10.0.0.1%<15>:0000000000000001 | 30 [Interface name is too long.] | 10.0.0.1 - - - 4 0
+10.0.0.1/xx%eth0:1 | 31 [Mask is invalid.(mask=xx)] | 10.0.0.1 - 0 eth0:1 4 1
+10.0.0.1/xx%eth0:x | 30 [IP alias is invalid.(alias=x)] | 10.0.0.1 - - eth0:x 4 0
+<45> | 0 | <45> - - - 4 0
+<45>1 | 29 [FIP address is invalid] | - - - - 4 0
+fd00::5/0 | 0 | fd00::5 :: 0 - 6 0
+fd00::5/33%eth0:1 | 0 | fd00::5 ffff:ffff:8000:: 33 eth0:1 6 1
+fd00::5/128 | 0 | fd00::5 ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff 128 - 6 0
+fd00::5/129 | 31 [over max mask bit num.(mask bit=129)] | fd00::5 - 129 - 6 0
+)";
 
 TEST_F(AddressTest, IsTakenApart)
 {
-    const std::string n15 = "fifteen-letters", a45(45, '1'), ones = "ffff:ffff:ffff:ffff:ffff:ffff:ffff:fff";
-    const struct {
-        std::string text, outcome, outputs; // "ADDR MASK MASKLEN IFNAME FAMILY", "-" for what is untouched
-        int full = 0;
-    } cases[] = {
-        {"192.168.0.10", "0", "192.168.0.10 - - - 4"},
-        {"1.2.3.4/0", "0", "1.2.3.4 0.0.0.0 0 - 4"},
-        {"1.2.3.4/32", "0", "1.2.3.4 255.255.255.255 32 - 4"},
-        {"1.2.3.4/33", "31 [over max mask bit num.(mask bit=33)]", "1.2.3.4 - 33 - 4"},
-        {"1.2.3.4/", "31 [Mask is not set.]", "1.2.3.4 - 0 - 4"},
-        {"1.2.3.4/-1", "31 [Mask is invalid.(mask=-1)]", "1.2.3.4 - -1 - 4"},
-        {"1.2.3.4/4294967320", "31 [over max mask bit num.(mask bit=2147483647)]",
-         "1.2.3.4 - 2147483647 - 4"},
-        {"1.2.3.4/000000000000024", "0", "1.2.3.4 255.255.255.0 24 - 4"},
-        {"1.2.3.4/0000000000000024", "31 [Mask is invalid.(mask=0000000000000024)]", "1.2.3.4 - - - 4"},
-        {"10.0.0.1%eth0", "0", "10.0.0.1 - - eth0 4"},
-        {"10.0.0.1/24%eth0:3", "0", "10.0.0.1 255.255.255.0 24 eth0:3 4", 1},
-        {"10.0.0.1%eth0/24", "29 [FIP address is invalid]", "10.0.0.1%eth0 - - - 4"},
-        {"10.0.0.1%eth0:", "30 [IP alias is not set.]", "10.0.0.1 - - eth0: 4"},
-        {"10.0.0.1%eth0:1:2", "30 [IP alias is invalid.(alias=1:2)]", "10.0.0.1 - - eth0:1:2 4"},
-        {"10.0.0.1%eth0:-1", "30 [IP alias is invalid.(alias=-1)]", "10.0.0.1 - - eth0:-1 4"},
-        {"10.0.0.1%eth0:9999", "0", "10.0.0.1 - - eth0:9999 4", 1},
-        {"10.0.0.1%e:10000", "30 [over max IP alias num.(alias=10000)]", "10.0.0.1 - - e:10000 4"},
-        {"1.1.1.1%e:9999999999", "30 [over max IP alias num.(alias=2147483647)]",
-         "1.1.1.1 - - e:9999999999 4"},
-        {"10.0.0.1%" + n15, "0", "10.0.0.1 - - " + n15 + " 4"},
-        {"10.0.0.1%" + n15 + "x", "30 [Interface name is too long.]", "10.0.0.1 - - " + n15 + "x 4"},
-        {"10.0.0.1%" + n15 + ":000000000000001", "0", "10.0.0.1 - - " + n15 + ":000000000000001 4", 1},
-        {"10.0.0.1%" + n15 + ":0000000000000001", "30 [Interface name is too long.]", "10.0.0.1 - - - 4"},
-        {"10.0.0.1/xx%eth0:1", "31 [Mask is invalid.(mask=xx)]", "10.0.0.1 - 0 eth0:1 4", 1},
-        {"10.0.0.1/xx%eth0:x", "30 [IP alias is invalid.(alias=x)]", "10.0.0.1 - - eth0:x 4"},
-        {a45, "0", a45 + " - - - 4"},
-        {a45 + "1", "29 [FIP address is invalid]", "- - - - 4"},
-        {"fe80::1%eth0", "0", "fe80::1 - - eth0 6"},
-        {"fd00::5/0", "0", "fd00::5 :: 0 - 6"},
-        {"fd00::5/33%eth0:1", "0", "fd00::5 ffff:ffff:8000:: 33 eth0:1 6", 1},
-        {"fd00::5/128", "0", "fd00::5 " + ones + "f 128 - 6"},
-        {"fd00::5/129", "31 [over max mask bit num.(mask bit=129)]", "fd00::5 - 129 - 6"},
-        {"fd00::5/-8", "31 [Mask is invalid.(mask=-8)]", "fd00::5 - -8 - 6"},
-    };
-    for (const auto &[text, expected, outputs, full] : cases) {
-        SCOPED_TRACE(text);
+    for (const auto &row : table(arguments, {{"<15>", "fifteen-letters"}, {"<45>", std::string(45, '1')}})) {
         FIP_INFO out;
         memset(&out, '#', sizeof(out));
         const int untouched = out.masklen;
-        fullnotation = fip_ipck(text.c_str());
-        EXPECT_EQ(nic_ipck(text.c_str()), ipv6flag);
-        EXPECT_EQ(outcome(fip_div_ipmask(text.c_str(), out.addr, out.mask, &out.masklen, out.ifname)),
-                  expected);
+        fullnotation = fip_ipck(row[0].c_str());
+        EXPECT_EQ(nic_ipck(row[0].c_str()), ipv6flag);
+        const int code = fip_div_ipmask(row[0].c_str(), out.addr, out.mask, &out.masklen, out.ifname);
+        EXPECT_EQ(outcome(code), row.at(1)) << row[0];
         const std::string length = out.masklen == untouched ? "-" : std::to_string(out.masklen);
-        EXPECT_EQ(join(shown(out.addr), shown(out.mask), length, shown(out.ifname), 4 + 2 * ipv6flag),
-                  outputs);
-        EXPECT_EQ(fullnotation, full);
+        const std::string flags = join(4 + 2 * ipv6flag, fullnotation);
+        EXPECT_EQ(join(shown(out.addr), shown(out.mask), length, shown(out.ifname), flags), row.at(2));
     }
 }
 
@@ -81,8 +68,7 @@ protected:
         fip_ipck(text.c_str());
         EXPECT_EQ(fip_div_ipmask(text.c_str(), to.sipel.addr, to.sipel.mask, &to.sipel.masklen, nullptr), 0);
         EXPECT_TRUE(fip_parse_addr(to.sipel.addr, &to.nipel.addr, &to.nipel6.addr));
-        EXPECT_TRUE(to.sipel.mask[0] == '\0' ||
-                    fip_parse_addr(to.sipel.mask, &to.nipel.mask, &to.nipel6.mask));
+        static_cast<void>(fip_parse_addr(to.sipel.mask, &to.nipel.mask, &to.nipel6.mask));
         return to;
     }
 
@@ -93,7 +79,7 @@ protected:
         std::istringstream words(text);
         for (std::string word; words >> word;) {
             const std::size_t equals = word.find('=');
-            const vdevinfo from = equals != std::string::npos ? parse(word.substr(equals + 1)) : vdevinfo{};
+            const vdevinfo from = equals < word.size() ? parse(word.substr(equals + 1)) : vdevinfo{};
             const auto n = static_cast<unsigned char>(rows.size());
             rows.push_back({"", n, from.nipel, from.nipel6, from.sipel, "", {n}});
             copy_text(rows.back().ifname, word.substr(0, equals).c_str());
@@ -109,67 +95,52 @@ protected:
         copy_text(dev.ifname, ifname);
         const std::string left = outcome(fip_crt_vdevinfo(rows.data(), static_cast<int>(rows.size()), &dev));
         EXPECT_EQ(atoi(dev.smac), dev.macaddr[0]); // NOLINT(cert-err34-c)
-        const std::string mask = std::string(dev.sipel.mask) + "/" + std::to_string(dev.sipel.masklen);
-        return join(left + ":", dev.ifname, dev.vdevname, mask, dev.bcast, dev.smac);
+        const std::string mask = shown(dev.sipel.mask) + "/" + std::to_string(dev.sipel.masklen);
+        return join(left + ":", shown(dev.ifname), shown(dev.vdevname), mask, shown(dev.bcast),
+                    shown(dev.smac));
     }
 };
 
+// INVENTORY | ADDRESS | CONFIGURED INTERFACE | what choose() gives: IPv4 by subnet, IPv4 on a configured
+// interface, IPv6
+constexpr char targets[] = R"(
+e=10.1.0.1/24 f=10.1.2.1/24 f:0=10.1.2.2/24 | 10.1.2.3 |  | 0: f f:1 255.255.255.0/0 10.1.2.255 1
+e=10.1.9.1/24 | 10.1.2.3/16 |  | <lost>10.1.2.3<in> . . 255.255.0.0/16 . .
+e=10.1.0.1/24 | 10.1.2.3/16 |  | 0: e e:0 255.255.0.0/16 10.1.255.255 0
+e=10.1.0.1/16 E:0=1.1.1.1/8 e:2=1.1.1.2/8 | 10.1.2.3 |  | 0: e e:1 255.255.0.0/0 10.1.255.255 0
+e=10.1.0.1/16 e:00=1.1.1.1/8 ee:0=1.1.1.3/8 | 10.1.2.3 |  | 0: e e:0 255.255.0.0/0 10.1.255.255 0
+e f=10.1.2.3/32 g=0.0.0.0/0 | 10.1.2.3 |  | <lost>10.1.2.3<in> . . ./0 . .
+13-characters=1.1.1.1/8 | 1.2.3.4 |  | 0: 13-characters 13-characters:0 255.0.0.0/0 1.255.255.255 0
+14--characters=1.1.1.1/8 | 1.2.3.4 |  | <long> 14--characters 14--characters:0 255.0.0.0/0 1.255.255.255 0
+eth10=10.1.0.1/16 eth1=1.0.0.1/8 | 10.1.2.3 | eth1 | 0: eth1 eth1:0 255.0.0.0/0 10.255.255.255 1
+e=10.1.0.1/16 E:3=1.0.0.1/8 | 10.1.2.3 | e:3 | <used> e:3 . 255.255.0.0/0 10.1.255.255 0
+eth10=10.1.0.1/16 | 10.1.2.3 | eth1 | 0: eth1 eth1 255.255.255.0/0 10.1.2.255 .
+ETH1=10.1.0.1/24 | 10.1.2.3/16 | eth1:7 | 0: eth1:7 eth1:7 255.255.0.0/16 10.1.255.255 .
+eth1 | 10.1.2.3 | eth1 | 0: eth1 eth1:0 0.0.0.0/0 255.255.255.255 0
+e=fd01::1/56 e=10.1.0.1/16 | 10.1.2.3 | e | 0: e e:0 255.255.0.0/0 10.1.255.255 1
+lo=fd00::5/128 e f=fd00::1/0 g=fd00::1/64 | fd00::5 |  | 0: g . ./64 . 3
+e=fd00::1/64 | fd00::5/48 |  | 0: e . ffff:ffff:ffff::/48 . 0
+e=fd00:0:0:1::1/64 | fd00::5/48 |  | <lost>fd00::5<in> . . ffff:ffff:ffff::/48 . .
+eth10=fd01::1/64 eth1=fd01::2/56 | fd00::5 | eth1 | 0: eth1 . ./56 . 1
+e=10.1.0.1/16 e=fd01::1/56 | fd00::5 | e | 0: e . ./56 . 1
+e=fd01::1/64 | fd00::5 | e:1 | 0: e:1 e:1 ./64 . .
+)";
+
 TEST_F(TargetTest, IsChosen)
 {
-    const std::string lost = "17 [Not found fip interface. [IP: 10.1.2.3]] Fip interface was not found.: ";
-    const std::string lost6 = "17 [Not found fip interface. [IP: fd00::5]] Fip interface was not found.: ";
-    const std::string used = "28 [fip interface already used. [IF: e:3]]: e:3  255.255.0.0/0 10.1.255.255 0";
-    const std::string n14 = "fourteen-chars";
-    const struct {
-        std::string rows, address;
-        const char *ifname;
-        std::string expected;
-    } cases[] = {
-        // IPv4 by subnet
-        {"e=10.1.0.1/24 f=10.1.2.1/24 f:0=10.1.2.2/24", "10.1.2.3", "",
-         "0: f f:1 255.255.255.0/0 10.1.2.255 1"},
-        {"e=10.1.9.1/24", "10.1.2.3/16", "", lost + "  255.255.0.0/16  "},
-        {"e=10.1.0.1/24", "10.1.2.3/16", "", "0: e e:0 255.255.0.0/16 10.1.255.255 0"},
-        {"e=10.1.0.1/16 E:0=1.1.1.1/8 e:2=1.1.1.2/8", "10.1.2.3", "",
-         "0: e e:1 255.255.0.0/0 10.1.255.255 0"},
-        {"e=10.1.0.1/16 e:00=1.1.1.1/8 ee:0=1.1.1.3/8", "10.1.2.3", "",
-         "0: e e:0 255.255.0.0/0 10.1.255.255 0"},
-        {"e f=10.1.2.3/32 g=0.0.0.0/0", "10.1.2.3", "", lost + "  /0  "},
-        {"13-characters=1.1.1.1/8", "1.2.3.4", "",
-         "0: 13-characters 13-characters:0 255.0.0.0/0 1.255.255.255 0"},
-        {n14 + "=10.1.0.1/16", "10.1.2.3", "",
-         "30 [Interface name is too long.]: " + n14 + " " + n14 + ":0 255.255.0.0/0 10.1.255.255 0"},
-        // IPv4 on a configured interface
-        {"eth10=10.1.0.1/16 eth1=1.0.0.1/8", "10.1.2.3", "eth1",
-         "0: eth1 eth1:0 255.0.0.0/0 10.255.255.255 1"},
-        {"e=10.1.0.1/16 e:3=1.0.0.1/8", "10.1.2.3", "e:3", used},
-        {"e=10.1.0.1/16 E:3=1.0.0.1/8", "10.1.2.3", "e:3", used},
-        {"eth10=10.1.0.1/16", "10.1.2.3", "eth1", "0: eth1 eth1 255.255.255.0/0 10.1.2.255 "},
-        {"ETH1=10.1.0.1/24", "10.1.2.3/16", "eth1:7", "0: eth1:7 eth1:7 255.255.0.0/16 10.1.255.255 "},
-        {"eth1", "10.1.2.3", "eth1", "0: eth1 eth1:0 0.0.0.0/0 255.255.255.255 0"},
-        {"e=fd01::1/56 e=10.1.0.1/16", "10.1.2.3", "e", "0: e e:0 255.255.0.0/0 10.1.255.255 1"},
-        // IPv6, on the interface itself
-        {"lo=fd00::5/128 e f=fd00::1/0 g=fd00::1/64", "fd00::5", "", "0: g  /64  3"},
-        {"e=fd00::1/64", "fd00::5/48", "", "0: e  ffff:ffff:ffff::/48  0"},
-        {"e=fd00:0:0:1::1/64", "fd00::5/48", "", lost6 + "  ffff:ffff:ffff::/48  "},
-        {"eth10=fd01::1/64 eth1=fd01::2/56", "fd00::5", "eth1", "0: eth1  /56  1"},
-        {"e=10.1.0.1/16 e=fd01::1/56", "fd00::5", "e", "0: e  /56  1"},
-        {"e=fd01::1/64", "fd00::5", "e:1", "0: e:1 e:1 /64  "},
-    };
-    for (const auto &row : cases) {
-        EXPECT_EQ(choose(inventory(row.rows), row.address, row.ifname), row.expected) << row.rows;
+    const names words = {{"<lost>", "17 [Not found fip interface. [IP: "},
+                         {"<in>", "]] Fip interface was not found.:"},
+                         {"<long>", "30 [Interface name is too long.]:"},
+                         {"<used>", "28 [fip interface already used. [IF: e:3]]:"}};
+    for (const auto &row : table(targets, words)) {
+        EXPECT_EQ(choose(inventory(row[0]), row.at(1), row.at(2).c_str()), row.at(3)) << row[0];
     }
-}
-
-TEST_F(TargetTest, TakesLastAlias_AndNoneBeyond)
-{
     std::vector<ipaddrinfo> rows = inventory("e=10.1.0.1/16");
     for (int alias = 0; alias <= 9999; ++alias) {
         rows.push_back(rows[0]);
         copy_text(rows.back().ifname, ("e:" + std::to_string(alias)).c_str());
     }
-    EXPECT_TRUE(
-        choose(rows, "10.1.2.3", "").starts_with("17 [Not found fip interface. [IP: 10.1.2.3]] Fip "));
+    EXPECT_TRUE(choose(rows, "10.1.2.3", "").starts_with("17 "));
     EXPECT_EQ(fip_chk_ifname(rows.data(), 10'001, "E:9999"), 1);
     EXPECT_EQ(fip_chk_ifname(rows.data(), 10'000, "e:9999"), 0); // within the rows given
     rows.pop_back();

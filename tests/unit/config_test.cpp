@@ -1,30 +1,8 @@
 // The parameters of one resource, from the suite home's files.
 
-#include "fip/log.h"
 #include "fip_fixture.h"
 
 #include <climits>
-
-namespace
-{
-const char *host_name; // null: the call fails
-std::string log_opened;
-} // namespace
-
-extern "C" {
-int __real_log_init(const char *type, void **handle, int level, int size, const char *path);
-
-int __wrap_gethostname(char *name, std::size_t size)
-{
-    return host_name != nullptr && copy_text(name, size, host_name) ? 0 : -1;
-}
-
-int __wrap_log_init(const char *type, void **handle, int level, int size, const char *path)
-{
-    log_opened = join(type, level, size);
-    return __real_log_init(type, handle, level, size, path);
-}
-}
 
 class ConfigTest : public FipTest
 {
@@ -35,9 +13,6 @@ protected:
         copy_text(info.rscname, "fip1");
         start_config("<fip name='fip1'><parameters>" + parameters + "</parameters></fip>");
         fs::remove(home / "etc/policy" / (spoiled + ".xml"));
-        if (spoiled == "path") {
-            write("etc/policy/all.xml", "<root/>");
-        }
         host_name = spoiled == "host" ? nullptr : "node1.example.com";
         actflag = act;
         errno = 0;
@@ -84,16 +59,14 @@ TEST_F(ConfigTest, ReadsParameters_ByRunMode)
 TEST_F(ConfigTest, CorrectsPollPeriod)
 {
     const std::tuple<std::string, std::string, int, int> cases[] = {
-        {"60", "0", 10'000, 6000},      {"60", "-1", 10'000, 6000},         {"60", "none", 10'000, 6000},
-        {"2", "2000000", 2'000'000, 1}, {"2", "2000001", 10'000, 200},      {"3", "2000000", 2'000'000, 1},
-        {"0", "10000", 10'000, 0},      {"2148", "2147483647", INT_MAX, 1}, {"2147483647", "1", 1, INT_MAX},
+        {"60", "-1", 10'000, 6000},    {"0", "10000", 10'000, 0},          {"2", "2000000", 2'000'000, 1},
+        {"2", "2000001", 10'000, 200}, {"2148", "2147483647", INT_MAX, 1}, {"2147483647", "1", 1, INT_MAX},
     };
     for (const auto &[timeout, sleeptime, checkstime, checkloopc] : cases) {
         std::string xml = "<ip>10.0.0.1</ip><ifconfig><timeout>";
         xml.append(timeout).append("</timeout></ifconfig><check><ifconfig><sleeptime>").append(sleeptime);
         read(xml.append("</sleeptime></ifconfig></check>"));
-        EXPECT_EQ(join(info.checkstime, info.checkloopc), join(checkstime, checkloopc))
-            << timeout << sleeptime;
+        EXPECT_EQ(join(info.checkstime, info.checkloopc), join(checkstime, checkloopc)) << sleeptime;
     }
 }
 
@@ -102,51 +75,11 @@ TEST_F(ConfigTest, TakesAddressOfThisServer_OrTellsWhyNot)
     const std::string ip = "<ip>10.0.0.1</ip>", servers = ip + R"(</parameters>
         <server name='node1'><parameters><ip>10.0.0.7</ip></parameters></server>
         <server name='node1.example.com'><parameters><ip>1.1.1.1</ip></parameters></server><parameters>)";
-    const std::tuple<std::string, std::string, int, const char *> cases[] = {
-        {servers, "", 0, "0 10.0.0.7"},
-        {ip, "", 0, "0 10.0.0.1"},
-        {ip, "host", 0, "33 [get_hostname() failed. (errno=0)] "},
-        {ip, "fip", 1, "8 [xmllib_load_policy(fip) failed. (ret=4)] "},
-        {"", "", 0,
-         "9 [xmllib_get_srvsep_value(/root/resource/fip@fip1/parameters/ip,ip) failed. (ret=4)] Internal "
-         "error. "
-         "(status=9) "},
-        {"<ip>10.0.0.1%eth0/24</ip>", "", 0, "29 [FIP address is invalid] 10.0.0.1%eth0"},
-        {"<ip>::1/129</ip>", "", 0, "31 [over max mask bit num.(mask bit=129)] ::1"},
-        {ip, "all", 0, "8 [xmllib_load_policy(all) failed. (ret=4)] 10.0.0.1"},
-        {ip, "all", 1, "8 [xmllib_load_policy(all) failed. (ret=4)] Internal error. (status=8) 10.0.0.1"},
-        {ip, "path", 0, "32 10.0.0.1"},
-        {ip, "path", 1, "32 Internal error. (status=32) 10.0.0.1"},
-    };
-    for (const auto &[parameters, spoiled, attached, expected] : cases) {
-        shmrmflag = attached;
-        EXPECT_EQ(read(parameters, 0, spoiled), expected);
-        EXPECT_EQ(xmllib_unload_policy("fip"), QOR_XMLERR_NOTEXIST_PATH); // nothing stays loaded
-        EXPECT_EQ(xmllib_unload_policy("all"), QOR_XMLERR_NOTEXIST_PATH);
+    EXPECT_EQ(read(servers), "0 10.0.0.7");
+    EXPECT_EQ(read(ip, 0, "host"), "33 [get_hostname() failed. (errno=0)] ");
+    EXPECT_EQ(read("<ip>::1/129</ip>"), "31 [over max mask bit num.(mask bit=129)] ::1");
+    EXPECT_EQ(read(ip, 0, "all"), "8 [xmllib_load_policy(all) failed. (ret=4)] 10.0.0.1");
+    for (const char *policy : {"fip", "all"}) { // nothing stays loaded
+        EXPECT_EQ(xmllib_unload_policy(policy), QOR_XMLERR_NOTEXIST_PATH);
     }
-    read(ip);
-    host_name = nullptr; // the address is known: nobody asks
-    copy_text(info.addr, "1.2.3.4");
-    EXPECT_EQ(join(fip_xml_get_config(&info), info.addr), "0 1.2.3.4");
-    EXPECT_TRUE(traced("| xmllib_get_value(/root/resource/fip@fip1/parameters/arp/retry) failed. (ret=4)"));
-    EXPECT_TRUE(traced("| xmllib_get_value(/root/resource/fip/parameters/ping/path) failed.\n"));
-}
-
-TEST_F(ConfigTest, StartsAndStopsLibraryAndLog)
-{
-    EXPECT_EQ(outcome(fip_xml_init()), "7 Internal error. (status=7)");
-    EXPECT_EQ(join(fip_log_init(), loginiflag), "0 0"); // no configuration, no log
-    EXPECT_EQ(fip_xml_term() + fip_xml_term() + xmliniflag + xmlconflag, 0);
-    EXPECT_TRUE(traced("| Not executed xmllib_load_config()") && traced("| Not executed xmllib_init()"));
-    start_config("");
-    for (const auto &[policy, opened] :
-         {std::pair{"<root/>", "fip 4 1000000"},
-          {"<root><fip><log><level>8</level><size>99</size></log></fip></root>", "fip 8 99"}}) {
-        traceclose();
-        write("etc/policy/fip.xml", policy);
-        EXPECT_EQ(join(fip_log_init(), loginiflag, log_opened), join("0 1", opened));
-        EXPECT_EQ(join(fip_log_term(), loginiflag), "0 0");
-    }
-    fs::remove(home / "etc/policy/fip.xml");
-    EXPECT_EQ(outcome(fip_log_init()), "8 Internal error. (status=8)");
 }

@@ -11,18 +11,23 @@
 #include "qorxml.h"
 
 #include <arpa/inet.h>
-#include <cerrno>
-#include <cstdarg>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iomanip>
+#include <regex>
 #include <sstream>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 namespace fs = std::filesystem;
+
+inline const char *host_name = "node1.example.com"; // null: gethostname fails
+
+extern "C" [[gnu::used]] inline int __wrap_gethostname(char *name, std::size_t size)
+{
+    return host_name != nullptr && copy_text(name, size, host_name) ? 0 : -1;
+}
 
 inline std::string read_file(const fs::path &file)
 {
@@ -42,12 +47,32 @@ std::string join(const First &first, const Parts &...parts)
 
 inline std::string hex(const void *bytes, std::size_t size)
 {
-    std::string text;
+    std::ostringstream out;
     for (std::size_t i = 0; i < size; ++i) {
-        const unsigned byte = static_cast<const unsigned char *>(bytes)[i];
-        text.append({"0123456789abcdef"[byte >> 4], "0123456789abcdef"[byte & 0xf]});
+        out << std::hex << std::setw(2) << std::setfill('0')
+            << int{static_cast<const unsigned char *>(bytes)[i]};
     }
-    return text;
+    return out.str();
+}
+
+using names = std::vector<std::pair<std::string, std::string>>;
+
+// The rows of a table, one per line, with fields between " | ". A <name> stands for the text given for it.
+inline std::vector<std::vector<std::string>> table(std::string text, const names &meanings = {})
+{
+    for (const auto &[name, meaning] : meanings) {
+        text = std::regex_replace(text, std::regex(name), meaning);
+    }
+    std::vector<std::vector<std::string>> rows;
+    std::istringstream lines(text.substr(1));
+    for (std::string line; std::getline(lines, line);) {
+        rows.emplace_back();
+        for (std::size_t at = 0, end = 0; end != std::string::npos; at = end + 3) {
+            end = line.find(" | ", at);
+            rows.back().push_back(line.substr(at, end - at));
+        }
+    }
+    return rows;
 }
 
 class FipTest : public testing::Test
@@ -82,24 +107,25 @@ protected:
         fs::remove_all(home);
     }
 
+    // Makes an executable file below the home.
     void write(const fs::path &relative, const std::string &contents) const
     {
         fs::create_directories((home / relative).parent_path());
         std::ofstream(home / relative) << contents;
+        fs::permissions(home / relative, fs::perms::owner_all);
     }
 
     // Makes a shell script below the home, which it knows as $HERE. Gives its path.
     std::string script(const fs::path &relative, const std::string &body) const
     {
         write(relative, "#!/bin/sh\nHERE=" + home.string() + "\n" + body + "\n");
-        fs::permissions(home / relative, fs::perms::owner_all);
         return home / relative;
     }
 
-    // Starts the configuration library with these elements below /root/resource.
-    void start_config(const std::string &resources) const
+    // Starts the configuration library with these elements below /root/resource, and others before that.
+    void start_config(const std::string &resources, const std::string &others = "") const
     {
-        write("etc/cluster.xml", "<root><resource>" + resources + "</resource></root>");
+        write("etc/cluster.xml", "<root>" + others + "<resource>" + resources + "</resource></root>");
         write("etc/policy/fip.xml", "<root/>");
         write("etc/policy/all.xml", "<root><all><path>/opt/suite</path></all></root>");
         ASSERT_EQ(fip_xml_init(), 0);
