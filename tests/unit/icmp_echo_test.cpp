@@ -105,7 +105,7 @@ TEST(IsOurReply, ReadsTheIpv4Header)
 TEST(Probe, IsSilentForTheWholeTimeDespiteForeignRepliesAndSignals)
 {
     ASSERT_EQ(unshare(CLONE_NEWNET), 0) << "needs root";
-    ASSERT_EQ(system("ip link set lo up && echo 1 >/proc/sys/net/ipv4/icmp_echo_ignore_all"), 0);
+    ASSERT_EQ(system("ip link set lo up && echo 1 >/proc/sys/net/ipv4/icmp_echo_ignore_all"), 0); // NOLINT
     const int fd = socket(AF_INET, SOCK_RAW, IPPROTO_ICMP);
     const timeval tick{0, 50'000};
     ASSERT_EQ(setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tick, sizeof tick), 0);

@@ -149,7 +149,7 @@ TEST_F(XmlTest, RefusesFile_ThatIsNotRootsAlone)
     close(next_fd);
     for (const std::string spoil : {"chmod 664 p.xml", "chmod 646 p.xml", "chown 1 p.xml",
                                     "mv p.xml q.xml; ln -s q.xml p.xml", "rm p.xml; mkfifo -m 600 p.xml"}) {
-        ASSERT_EQ(system(("cd etc/policy; rm -f p.xml; echo '<r/>' >p.xml; " + spoil).c_str()), 0);
+        ASSERT_EQ(system(("cd etc/policy; rm -f *; echo '<r/>' >p.xml; " + spoil).c_str()), 0); // NOLINT
         void *handle = &handle;
         expect_codes(7, {xmllib_load_policy("p"), xmllib_load_pathconfig("etc/policy/p.xml", &handle)});
         EXPECT_EQ(handle, nullptr) << spoil;
