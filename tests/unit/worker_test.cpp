@@ -1,6 +1,8 @@
 // The bounded worker and the outside command.
 
 #include "command.h"
+#include "fip/inventory.h"
+#include "fip/ipaddr.h"
 #include "fip_fixture.h"
 #include "worker.h"
 
@@ -14,6 +16,7 @@ namespace
 {
 
 int cancel_error = 0;
+int start_error = 0;
 
 // A worker's block: what it does, and whether it is gone.
 struct block {
@@ -44,6 +47,15 @@ extern "C" int __wrap_pthread_cancel(pthread_t thread)
     return cancel_error != 0 ? cancel_error : __real_pthread_cancel(thread);
 }
 
+extern "C" int __real_pthread_create(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *);
+
+extern "C" int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attr, void *(*start)(void *),
+                                     void *arg)
+{
+    errno = 0;
+    return start_error != 0 ? start_error : __real_pthread_create(thread, attr, start, arg);
+}
+
 class WorkerTest : public FipTest
 {
 protected:
@@ -70,6 +82,21 @@ TEST_F(WorkerTest, IsInTime_UnlessItEndsDuringLastSleep)
     EXPECT_TRUE(freed);
     EXPECT_FALSE(worker_left_behind());
     EXPECT_EQ(outcome(0), "0 [job is late]");
+}
+
+TEST_F(WorkerTest, TellsWhenItCannotStart)
+{
+    vdevinfo dev = {};
+    ipaddrinfo *list = nullptr;
+    int num = 0;
+    const std::string why = " failed. (errno=0,ret=11)]", message = why + " Internal error. (status=22)";
+    start_error = EAGAIN;
+    EXPECT_EQ(outcome(fip_ifconfig_mkth(&list, &num, &info)), "22 [pthread_create(fip_cmd_popen)" + message);
+    EXPECT_EQ(outcome(fip_act_ipaddr(&dev, &info)), "22 [pthread_create(ffip_cmd_system)" + message);
+    EXPECT_EQ(outcome(nic_chk_isifconfig(&IsIfconfig, 0, 60)), "19 [pthread_create(nic_cmd_chk)" + why);
+    EXPECT_EQ(run({1000, 2}, [] {}), WORKER_NOT_STARTED);
+    start_error = 0;
+    EXPECT_TRUE(freed);
 }
 
 TEST_F(WorkerTest, KeepsBlock_ForWorkerThatCannotBeCancelled)
