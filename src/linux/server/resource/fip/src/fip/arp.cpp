@@ -13,10 +13,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <ifaddrs.h>
+#include <linux/io_uring.h>
 #include <memory>
 #include <net/ethernet.h>
 #include <net/if_arp.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <utility>
 
 namespace
 {
@@ -29,10 +33,23 @@ constexpr std::size_t ip_length = sizeof(in_addr);
 /// How long a send may wait for room in the device's queue, seconds: a stuck device must not hang the run.
 constexpr int send_limit_s = 1;
 
-/// The socket of the last announcement, which the end of the process closes. Closing a packet socket waits
-/// for an RCU grace period, 10 ms or so, and the announcement is made inside the critical section: with fifty
-/// addresses to take over, the last of them would be up half a second later.
-unique_fd packet_socket;
+/// What the end of the process closes of the last announcement: a ring that holds its packet socket or, where
+/// the kernel gives none, the socket itself. Closing a packet socket waits for an RCU grace period, 10 ms or
+/// so, and the announcement is made inside the critical section: with fifty addresses to take over, the last
+/// of them would be up half a second later.
+unique_fd leftover;
+
+/// Leaves the close of the socket to the kernel. The files that are registered with an io_uring (io_uring(7))
+/// are released by a kernel thread after the ring itself is closed, so that nobody waits. Kernels before 5.1,
+/// and those whose administrator has switched rings off, refuse; then it is the process's end that takes longer.
+void close_behind(unique_fd *sock)
+{
+    io_uring_params params = {};
+    leftover.reset(static_cast<int>(syscall(SYS_io_uring_setup, 1, &params)));
+    if (syscall(SYS_io_uring_register, leftover.fd, IORING_REGISTER_FILES, &sock->fd, 1) != 0) {
+        leftover.reset(std::exchange(sock->fd, -1));
+    }
+}
 
 const unsigned char *mac_of(const sockaddr_ll *sll)
 {
@@ -116,15 +133,16 @@ int announce(const vdevinfo &dev, const ifaddrs &entry, int count, int opcode)
     memcpy(dst.get(), entry.ifa_broadaddr, dstsz);
     static_cast<sockaddr_ll *>(dst.get())->sll_protocol = htons(ETHERTYPE_ARP);
 
-    unique_fd &sock = packet_socket;
-    sock.reset(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    unique_fd sock(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (sock.fd < 0) {
         TRACE_AS(self, TRACE_ERROR, "socket() failed. (sock=%d)", sock.fd);
         return fip_internal_error(FIP_ERR_SOCKET);
     }
     const timeval limit = {send_limit_s, 0};
     setsockopt(sock.fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
-    return send_packets(sock.fd, pkt, pktsz, dst.get(), dstsz, count);
+    const int ret = send_packets(sock.fd, pkt, pktsz, dst.get(), dstsz, count);
+    close_behind(&sock);
+    return ret;
 }
 
 } // namespace
