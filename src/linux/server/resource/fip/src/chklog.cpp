@@ -101,6 +101,11 @@ int chk_log_write(int level, int index, const char *fmt, ...)
     return deliver(__func__, line);
 }
 
+int chk_log_row(int level, logindex row)
+{
+    return chk_log_write(level, logtbl[row].index, "%s", logtbl[row].msg);
+}
+
 int chk_log_start(const char *type, const char *rscname)
 {
     return write_frame(__func__, "START", type, rscname);

@@ -47,6 +47,9 @@ extern const logmsg logtbl[CHK_ID_COUNT];
 /// @return 0, or 1 when the line did not reach the file
 int chk_log_write(int level, int index, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
 
+/// Writes a row of logtbl that takes no value. @return 0, or 1 when the line did not reach the file
+int chk_log_row(int level, logindex row);
+
 /// Write the first and the last line of a block. @return 0, or 1 when the line did not reach the file
 int chk_log_start(const char *type, const char *rscname);
 int chk_log_end(const char *type, const char *rscname);

@@ -166,7 +166,7 @@ int check_numeric_value(const char *rscname, const numeric_param &param, int ind
         TRACE_AS(numeric_name, TRACE_DEBUG, "Value of %s is %d.", param.name, value);
         return CHK_PASSED;
     }
-    chk_log_write(CHK_LEVEL_ERROR, index, "Value of %s is out of range. (value=%d)", param.name, value);
+    chk_log_write(CHK_LEVEL_ERROR, index, logtbl[CHK_ID_RANGE_ERR].msg, param.name, value);
     return CHK_FINDING;
 }
 

@@ -17,7 +17,7 @@ using property_check = int (*)(const char *value);
 
 /// One text property.
 struct property {
-    const char *name;
+    const char *name;        ///< for display; the check functions word their own findings
     int type;                ///< value type of the read
     int size;                ///< bytes allowed for the value, at most 1024
     const char *commonpath;  ///< printf format: resource name

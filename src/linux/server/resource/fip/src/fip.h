@@ -57,7 +57,8 @@ enum fip_code {
 };
 
 /// One floating-IP resource: names, address, and every parameter read from the configuration. Filled by main,
-/// the address argument and fip_xml_get_config; the sequences overwrite ifname before they remove an address.
+/// the address argument and fip_xml_get_config; the sequences overwrite ifname, and masklen for IPv6,
+/// before they remove an address.
 struct FIP_INFO {
     char rscname[32];
     char grpname[32];
@@ -123,8 +124,9 @@ struct FIP_THREAD_INFO {
 };
 using PFIP_THREAD_INFO = FIP_THREAD_INFO *;
 
-// Run-mode globals: one process serves one request. All are written by the main thread before any worker
-// starts, except the workers' end flags and the result message.
+// Run-mode globals: one process serves one request. Written by the main thread only, and what a worker
+// reads (actflag, ipv6flag, inspath) not while one runs. The workers' end flags and the result message are
+// shared.
 
 extern int actflag;      ///< -1 undecided, 0 activation, 1 deactivation
 extern int nomuseflag;   ///< non-zero: the address comes from the command line (--add, --del)
@@ -145,7 +147,8 @@ extern std::atomic<int> ifconfthend; ///< end flag of the inventory worker
 extern std::atomic<int> actthend;    ///< end flag of the address-change worker
 
 /// The result message: what is filed as the resource's last message when the run ends. Written through
-/// fip_set_message only, read by the exit sequence when no worker runs any more.
+/// fip_set_message only, read by the exit sequence when no worker runs any more but one
+/// that was left behind.
 extern char shmbuf[FIP_SHMBUF_SIZE];
 
 /// Puts a text into shmbuf, cut to its size. Any thread may call it; the last text stands.

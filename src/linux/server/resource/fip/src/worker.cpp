@@ -13,8 +13,8 @@
 namespace
 {
 
-/// How long a cancelled worker is waited for. It stops at once at a cancellation point; a system call that
-/// the kernel does not let go of (a dead file server, say) must not hang the run.
+/// How long the end of a worker's thread is waited for. A cancelled one stops at once at a cancellation
+/// point; a system call that the kernel does not let go of (a dead file server, say) must not hang the run.
 constexpr useconds_t join_limit_us = 5'000'000;
 
 constexpr std::int64_t ns_per_s = 1'000'000'000;

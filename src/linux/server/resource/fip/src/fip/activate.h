@@ -4,8 +4,10 @@
 
 #include "../fip.h"
 
-/// Runs the activation of the record's address. What a failed step leaves on the interface is taken off
-/// again; only when the link check's socket cannot be opened does the address stay.
+/// Runs the activation of the record's address. A step that fails after the address was added has it taken
+/// off again, with two exceptions: when the link check's socket cannot be opened (FIP_ERR_SOCKET) the address
+/// stays, and when the ifconfig command itself fails or is late (FIP_ERR_STATUS, FIP_ERR_ABNORMAL,
+/// FIP_ERR_TIMEOUT) it is unknown what it has done.
 /// @return 0, or the code of the step that failed
 [[nodiscard]] int fip_start_act(FIP_INFO *pfipinfo);
 

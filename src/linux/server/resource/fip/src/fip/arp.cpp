@@ -34,20 +34,23 @@ constexpr std::size_t ip_length = sizeof(in_addr);
 constexpr int send_limit_s = 1;
 
 /// What the end of the process closes of the last announcement: a ring that holds its packet socket or, where
-/// the kernel gives none, the socket itself. Closing a packet socket waits for an RCU grace period, 10 ms or
-/// so, and the announcement is made inside the critical section: with fifty addresses to take over, the last
-/// of them would be up half a second later.
-unique_fd leftover;
+/// that cannot be, the socket itself. Closing a packet socket waits for an RCU grace period, 10 ms or so, and
+/// the announcement is made inside the critical section: with fifty addresses to take over, the last of them
+/// would be up half a second later.
+unique_fd left_ring;
+unique_fd left_socket;
 
 /// Leaves the close of the socket to the kernel. The files that are registered with an io_uring (io_uring(7))
-/// are released by a kernel thread after the ring itself is closed, so that nobody waits. Kernels before 5.1,
-/// and those whose administrator has switched rings off, refuse; then it is the process's end that takes longer.
+/// are released by a kernel thread after the ring itself is closed, so that nobody waits. Before Linux 5.13,
+/// where IORING_FEAT_RSRC_TAGS came, the registration would wait instead; an administrator may have switched
+/// rings off, or no descriptor be free. Then it is the process's end that takes longer.
 void close_behind(unique_fd *sock)
 {
     io_uring_params params = {};
-    leftover.reset(static_cast<int>(syscall(SYS_io_uring_setup, 1, &params)));
-    if (syscall(SYS_io_uring_register, leftover.fd, IORING_REGISTER_FILES, &sock->fd, 1) != 0) {
-        leftover.reset(std::exchange(sock->fd, -1));
+    left_ring.reset(static_cast<int>(syscall(SYS_io_uring_setup, 1, &params)));
+    if ((params.features & IORING_FEAT_RSRC_TAGS) == 0 ||
+        syscall(SYS_io_uring_register, left_ring.fd, IORING_REGISTER_FILES, &sock->fd, 1) != 0) {
+        left_socket.reset(std::exchange(sock->fd, -1));
     }
 }
 

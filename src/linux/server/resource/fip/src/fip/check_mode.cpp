@@ -55,15 +55,10 @@ int open_check_log(const char *rscname)
     return 0;
 }
 
-int write_row(int level, logindex row)
-{
-    return chk_log_write(level, logtbl[row].index, "%s", logtbl[row].msg);
-}
-
 int refuse_arguments()
 {
     open_check_log("");
-    write_row(CHK_LEVEL_ERROR, CHK_ID_ARG_ERR);
+    chk_log_row(CHK_LEVEL_ERROR, CHK_ID_ARG_ERR);
     static_cast<void>(chk_log_term(resource_type, ""));
     return CHECK_FAILED;
 }
@@ -72,7 +67,7 @@ int check_resource(const char *rscname)
 {
     int result = open_check_log(rscname);
     if (fip_conf_check(rscname) == 0) {
-        result |= write_row(CHK_LEVEL_INFO, CHK_ID_SUCCESS);
+        result |= chk_log_row(CHK_LEVEL_INFO, CHK_ID_SUCCESS);
     } else {
         result = CHECK_FAILED;
     }

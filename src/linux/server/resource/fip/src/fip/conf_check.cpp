@@ -70,12 +70,6 @@ int load_file(const char *file, bool whole)
     return ret;
 }
 
-/// Writes a row of the table that takes no value.
-void write_row(int level, logindex row)
-{
-    chk_log_write(level, logtbl[row].index, "%s", logtbl[row].msg);
-}
-
 /// Writes a row of the table that takes one text.
 int write_finding(logindex row, const char *value)
 {
@@ -170,7 +164,7 @@ int fip_conf_check(const char *rscname)
     const int ret = check_resource(rscname, &finding);
     fip_unload_chkconf();
     if (ret != 0) {
-        write_row(CHK_LEVEL_ERROR, CHK_ID_INTERNAL_ERR);
+        chk_log_row(CHK_LEVEL_ERROR, CHK_ID_INTERNAL_ERR);
         return ret;
     }
     return finding;
@@ -198,7 +192,7 @@ int fip_comment_check(const char *rscname)
     default:
         break;
     }
-    write_row(CHK_LEVEL_ERROR, row);
+    chk_log_row(CHK_LEVEL_ERROR, row);
     TRACE(TRACE_ERROR, "xmllib_get_value(%s) failed. (ret=%d)", path, ret);
     return CHK_FINDING;
 }

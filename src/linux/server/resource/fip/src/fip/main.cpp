@@ -1,6 +1,7 @@
 /// The agent's entry: command line, run mode, the run, and the exit sequence that every path ends in.
 
 #include "../fip.h"
+#include "../heap.h"
 #include "../text.h"
 #include "../worker.h"
 #include "activate.h"
@@ -10,7 +11,6 @@
 #include "config.h"
 #include "deactivate.h"
 #include "init.h"
-#include "inventory.h"
 #include "log.h"
 #include "platform.h"
 #include "source.h"
@@ -72,7 +72,7 @@ int choose_mode(const char *keyword)
     for (const run_mode &mode : modes) {
         if (strcasecmp(keyword, mode.keyword) == 0) {
             actflag = mode.actflag;
-            nomuseflag += mode.nomuseflag;
+            nomuseflag = mode.nomuseflag;
             dynamicflag = mode.dynamicflag;
             return FIP_SUCCESS;
         }

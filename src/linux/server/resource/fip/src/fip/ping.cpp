@@ -8,6 +8,7 @@
 
 #include "qorxml.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -273,7 +274,7 @@ int fip_chk_ip_response(PIP_INFO pip)
         format_text(line, sizeof(line), "\"%s\" -c %d %s > /dev/null 2>&1", shell_in_quotes(path).c_str(),
                     info.pingtout, shell_word(pip->addr).c_str());
     TRACE(TRACE_INFO, "system(%s)...", line);
-    const int status = whole ? command_run(line, info.pingtout * 1000L + tool_grace_ms) : -1;
+    const int status = whole ? command_run(line, std::max(info.pingtout, 0) * 1000L + tool_grace_ms) : -1;
     if (!command_ended(status)) {
         TRACE(TRACE_ERROR, "ping to %s failed (before system()).", pip->addr);
         return FIP_ERR_ABNORMAL;

@@ -15,14 +15,12 @@ enum fip_event {
 /// Probes the resource's address, or on activation with pingallip every address that the resource has on any
 /// server, all at once.
 /// @return 0 when nobody answers, or when a failure was overridden by pingforce; else as fip_ping_mkth, with
-/// a
-///         result message
+///         a result message
 [[nodiscard]] int fip_ping(FIP_INFO *pinfo);
 
 /// Runs one worker per block at once, joins them all, and combines their results: the last one that is not 0.
 /// @return 0; FIP_ERR_INUSE; FIP_ERR_TOOL; FIP_ERR_ABNORMAL; FIP_ERR_NOTOOL; FIP_ERR_MEMORY; FIP_ERR_THREAD
-/// when
-///         a worker could not be started; when none could, the error number of the last start
+///         when a worker could not be started; when none could, the error number of the last start
 [[nodiscard]] int fip_ping_mkth(PIP_INFO pips, int ipnum);
 
 /// One worker: parg is an IP_INFO. Checks its address, and again after each failure up to pingretry times.
@@ -30,8 +28,8 @@ void *fip_ping_retry(void *parg);
 
 /// Runs the ping tool on one address.
 /// @return 0 when nobody answers; FIP_ERR_INUSE; FIP_ERR_TOOL; FIP_ERR_ABNORMAL when the tool could not be
-/// run,
-///         was ended by a signal, or had to be ended because it outlived its own time-out; FIP_ERR_NOTOOL
+///         run, was ended by a signal, or had to be ended because it outlived its own time-out;
+///         FIP_ERR_NOTOOL
 [[nodiscard]] int fip_chk_ip_response(PIP_INFO pip);
 
 /// Bytes of a hardware address's text.

@@ -105,19 +105,6 @@ bool same_base(const char *left, const char *right)
     return len == base_length(right) && strncmp(left, right, len) == 0;
 }
 
-/// The first row that carries the address, or -1.
-int find_row(const ipaddrinfo *rows, int num, const char *addr)
-{
-    for (int i = 0; i < num; ++i) {
-        char text[INET_ADDRSTRLEN];
-        inet_ntop(AF_INET, &rows[i].nipel.addr, text, sizeof(text));
-        if (strcmp(text, addr) == 0) {
-            return i;
-        }
-    }
-    return -1;
-}
-
 /// Judges one other resource.
 int check_resource(const ipaddrinfo *rows, int num, const char *ifname, const char *resource)
 {
@@ -132,12 +119,15 @@ int check_resource(const ipaddrinfo *rows, int num, const char *ifname, const ch
         return ret;
     }
     TRACE_AS(check_name, TRACE_INFO, "fip rsc enum %s ip=%s", resource, addr);
-    const int row = find_row(rows, num, addr);
-    if (row < 0) {
+    in_addr numeric = {};
+    in6_addr unused = {};
+    const bool known = fip_parse_host(addr, &numeric, &unused);
+    const ipaddrinfo *row = known ? fip_find_row(rows, num, numeric, unused) : nullptr;
+    if (row == nullptr) {
         return FIP_SUCCESS;
     }
-    TRACE_AS(check_name, TRACE_DEBUG, "ipaddrlist[%d]->ifname=%s", row, rows[row].ifname);
-    if (!same_base(rows[row].ifname, ifname)) {
+    TRACE_AS(check_name, TRACE_DEBUG, "ipaddrlist[%d]->ifname=%s", static_cast<int>(row - rows), row->ifname);
+    if (!same_base(row->ifname, ifname)) {
         return FIP_SUCCESS;
     }
     TRACE_AS(check_name, TRACE_ERROR, "%s has already been attached to %s.", addr, ifname);
