@@ -1,5 +1,6 @@
 #include "qoripc.h"
 
+#include "descriptor.h"
 #include "qorhome.h"
 
 #include <atomic>
@@ -9,7 +10,6 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
-#include <iterator>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,7 +18,8 @@
 namespace
 {
 
-/// A holder that was stopped in the middle must not hang the node: its table is given up after this long.
+/// A holder that was stopped in the middle must not hang the node: the change is given up after this
+/// long.
 constexpr long lock_wait_ms = 2000;
 constexpr long lock_poll_ms = 1;
 constexpr int read_tries = 1000;
@@ -63,26 +64,6 @@ static_assert(std::atomic<std::uint32_t>::is_always_lock_free && sizeof(std::ato
 
 constexpr table_id resource_id = {{'q', 'o', 'r', '-', 'r', 's', 'c', '\0'}, 1, max_resources};
 constexpr table_id node_id = {{'q', 'o', 'r', '-', 'n', 'o', 'd', 'e'}, 1, 1};
-
-struct descriptor {
-    int fd = -1;
-
-    descriptor() = default;
-    explicit descriptor(int opened) : fd(opened) {}
-    descriptor(descriptor &&other) noexcept : fd(std::exchange(other.fd, -1)) {}
-    descriptor &operator=(descriptor &&other) noexcept
-    {
-        std::swap(fd, other.fd);
-        return *this;
-    }
-    ~descriptor() { reset(); }
-    void reset()
-    {
-        if (fd >= 0) {
-            close(std::exchange(fd, -1));
-        }
-    }
-};
 
 /// An attached table: the open file, which carries the writers' lock, and its mapping.
 template <typename Table>

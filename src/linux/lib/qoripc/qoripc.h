@@ -17,7 +17,7 @@ extern "C" {
 /** Results of the shmrm_ operations (0 is success). The shmnm_ and sem_ operations use the same numbers. */
 enum shmrm_err {
     SHMRM_ERR_NOTINIT = 2,      /**< not attached */
-    SHMRM_ERR_INVALIDPARAM = 3, /**< a null or over-long argument */
+    SHMRM_ERR_INVALIDPARAM = 3, /**< a null, over-long or out-of-range argument */
     SHMRM_ERR_NOTFOUND = 4,     /**< no such entry */
     SHMRM_ERR_NOTENOUGH = 5,    /**< no room on the disk for a new table */
     SHMRM_ERR_XMLINIT = 6,

@@ -1,5 +1,6 @@
 #include "qorlog.h"
 
+#include "descriptor.h"
 #include "qorhome.h"
 
 #include <cctype>
@@ -34,25 +35,6 @@ constexpr std::size_t text_size = 2048;
 constexpr int reopen_tries = 3;
 /// Longer than a write of one line takes.
 constexpr long write_time_ns = 1000000;
-
-struct descriptor {
-    int fd = -1;
-
-    descriptor() = default;
-    explicit descriptor(int opened) : fd(opened) {}
-    descriptor(descriptor &&other) noexcept : fd(std::exchange(other.fd, -1)) {}
-    descriptor &operator=(descriptor &&other) noexcept
-    {
-        std::swap(fd, other.fd);
-        return *this;
-    }
-    ~descriptor()
-    {
-        if (fd >= 0) {
-            close(fd);
-        }
-    }
-};
 
 struct log_file {
     char path[PATH_MAX] = "";

@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "descriptor.h"
 #include "qorhome.h"
 #include "xmlpath.h"
 #include "xmltree.h"
@@ -53,20 +54,6 @@ int run(Operation operation)
         return QOR_XMLERR_OTHER;
     }
 }
-
-struct descriptor {
-    int fd;
-
-    explicit descriptor(int opened) : fd(opened) {}
-    descriptor(const descriptor &) = delete;
-    descriptor &operator=(const descriptor &) = delete;
-    ~descriptor()
-    {
-        if (fd >= 0) {
-            close(fd);
-        }
-    }
-};
 
 bool is_trusted(const struct stat &st)
 {
