@@ -152,7 +152,8 @@ second row shows it with that. Most of the agent's CPU time is the dynamic linke
 
 compare_deactivation() {
     ip -n "$here" addr add "$address/16" dev eth0 label eth0:0
-    table "Deactivation, 1 address present" "After-checks off. The ratio is to ip addr del."
+    table "Deactivation, 1 address present" "After-checks off. The ratio is to ip addr del. For the kernel way no ifconfig is on the path: a deactivation
+always looks for one."
     row "ip addr del" "$add" ip addr del "$address/16" dev eth0
     # shellcheck disable=SC2046
     {
@@ -200,7 +201,7 @@ probes() {
     # shellcheck disable=SC2046
     off=$(cost "$remove" $(active one) | cut -f 1)
     printf '\n## The duplicate-address check\n\n'
-    printf 'Nobody answers; the tool waits 1000 ms for that. What the check adds beyond the wait:\n\n'
+    printf 'Nobody answers; the tool waits 1000 ms for that. What the check adds beyond the wait (medians of 3):\n\n'
     printf '| addresses probed at once | activation ms | beyond the wait ms |\n|---:|---:|---:|\n'
     for count in 1 10 100; do
         local wall

@@ -2,11 +2,14 @@
 set(qor_config_permissions OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
 set(qor_state_permissions OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE)
 set(qor_pages docs/qorfip.8 docs/qorping.8 docs/qorstat.8)
+set(qor_documents docs/architecture.md docs/configuration.md docs/performance.md docs/reliability.md docs/security.md)
 
 install(TARGETS qorfip qorping qorstat RUNTIME DESTINATION bin)
 install(DIRECTORY etc/ DESTINATION etc FILE_PERMISSIONS ${qor_config_permissions})
 # The sample policy names this file as the configuration under check: the sample passes its own check.
 install(FILES etc/cluster.xml DESTINATION etc/check)
 install(FILES ${qor_pages} DESTINATION share/man/man8)
+install(FILES README.md DESTINATION share/doc/qorfip)
+install(FILES ${qor_documents} DESTINATION share/doc/qorfip/docs)
 install(DIRECTORY DESTINATION log DIRECTORY_PERMISSIONS ${qor_state_permissions})
 install(DIRECTORY DESTINATION run DIRECTORY_PERMISSIONS ${qor_state_permissions})
