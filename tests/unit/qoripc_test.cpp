@@ -1,9 +1,7 @@
 #include "qoripc.h"
 
-#include <array>
 #include <atomic>
 #include <csignal>
-#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -14,7 +12,6 @@
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -23,27 +20,24 @@ namespace fs = std::filesystem;
 namespace
 {
 
-/// Runs `work` in a child, which never outlives the test; it exits with 1 when work gives true.
+/// Runs `work` in a child, which never outlives the test. Its status is 0 when work gives true.
 pid_t start(const std::function<bool()> &work)
 {
     const pid_t pid = fork();
     if (pid == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        _exit(work() ? 1 : 0);
+        _exit(work() ? 0 : 1);
     }
     return pid;
 }
 
-bool succeeds(pid_t pid)
+/// Waits for a child, after a signal if one is given.
+int finish(pid_t pid, int signal = 0)
 {
-    int status = 0;
-    return waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 1;
-}
-
-void end(pid_t pid)
-{
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
+    int status = -1;
+    kill(pid, signal);
+    waitpid(pid, &status, 0);
+    return status;
 }
 
 /// Holds until the other process has come this far.
@@ -54,40 +48,50 @@ void await(const std::atomic<int> &value, int wanted)
     }
 }
 
+int file(const std::string &name, const std::string &text)
+{
+    return shmrm_setdescript("g", "fip", name.c_str(), text.c_str(), SHMRM_DESCRIPT_SIZE);
+}
+
+/// "GROUP|TYPE|NAME|FREE|MESSAGE" as filed there, or the code that reading gives.
+std::string entry(int index)
+{
+    struct shmrm_state got = {};
+    const int ret = shmrm_getstate(index, &got);
+    return ret != 0 ? std::to_string(ret)
+                    : std::string(got.group) + "|" + got.type + "|" + got.rscname + "|" + got.rscfree + "|" +
+                          got.descript;
+}
+
+int attach_anew()
+{
+    shmrm_detach();
+    return shmrm_attach();
+}
+
 } // namespace
 
 class QorIpc : public testing::Test
 {
 protected:
-    fs::path home, table;
+    char dir[20] = "/tmp/qoripc.XXXXXX";
+    const fs::path home = mkdtemp(dir), table = home / "run/resource.shm";
     /// Shared with the children that a test starts.
-    std::atomic<int> *shared = static_cast<std::atomic<int> *>(
+    std::atomic<int> *const shared = static_cast<std::atomic<int> *>(
         mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
 
     void SetUp() override
     {
-        char name[] = "/tmp/qoripc.XXXXXX";
-        home = mkdtemp(name);
-        table = home / "run/resource.shm";
-        setenv("QOR_HOME", home.c_str(), 1); // NOLINT(concurrency-mt-unsafe)
+        setenv("QOR_HOME", dir, 1); // NOLINT(concurrency-mt-unsafe)
         ASSERT_EQ(shmrm_attach(), 0);
     }
-    void TearDown() override
+    ~QorIpc() override
     {
         shmrm_detach();
         shmnm_detach();
         sem_detach();
         munmap(shared, 4096);
         fs::remove_all(home);
-    }
-    static int file(const std::string &name, const std::string &text)
-    {
-        return shmrm_setdescript("g", "fip", name.c_str(), text.c_str(), SHMRM_DESCRIPT_SIZE);
-    }
-    static std::string described(int index)
-    {
-        struct shmrm_state state = {};
-        return shmrm_getstate(index, &state) == 0 ? state.descript : "(none)";
     }
 };
 
@@ -100,17 +104,10 @@ TEST_F(QorIpc, FilesByTypeAndName)
     EXPECT_EQ(shmrm_setdescript("g2", "disk", "web", "abc", 2), 0);
     EXPECT_EQ(shmrm_setdescript(nullptr, "fip", "web", std::string(300, 'm').c_str(), 128), 0);
     EXPECT_EQ(shmrm_setrscfree("g3", "disk", "web", all_bytes.data(), SHMRM_FREE_SIZE), 0);
-    ASSERT_EQ(shmrm_detach(), 0);
-    ASSERT_EQ(shmrm_attach(), 0);
-    const std::array<std::string, 5> want[] = {{"g1", "fip", "web", "eth0:1", std::string(127, 'm')},
-                                               {"g3", "disk", "web", all_bytes, "ab"}};
-    struct shmrm_state got = {};
-    for (int i = 0; i < 2; ++i) {
-        ASSERT_EQ(shmrm_getstate(i, &got), 0);
-        EXPECT_EQ((std::array<std::string, 5>{got.group, got.type, got.rscname, got.rscfree, got.descript}),
-                  want[i]);
-    }
-    EXPECT_EQ(shmrm_getstate(2, &got), SHMRM_ERR_NOTFOUND);
+    ASSERT_EQ(attach_anew(), 0);
+    EXPECT_EQ(entry(0), "g1|fip|web|eth0:1|" + std::string(127, 'm'));
+    EXPECT_EQ(entry(1), "g3|disk|web|" + all_bytes + "|ab");
+    EXPECT_EQ(entry(2), std::to_string(SHMRM_ERR_NOTFOUND));
 }
 
 TEST_F(QorIpc, RefusesBadArgumentsAndCallsWithoutAttachment)
@@ -130,33 +127,44 @@ TEST_F(QorIpc, RefusesBadArgumentsAndCallsWithoutAttachment)
         EXPECT_EQ(shmnm_getnpsimuflag(nullptr), want);
         ASSERT_EQ(shmrm_attach() + shmnm_attach(), 0);
     }
-    EXPECT_EQ(described(0), "(none)") << "a refused call filed something";
     EXPECT_EQ(shmrm_setdescript("", "t", "", "by hand", 128), 0) << "the empty name is a name";
-    EXPECT_EQ(described(0), "by hand");
-    EXPECT_TRUE(succeeds(start([] { return shmnm_setnpsimuflag(7) == 0; })));
+    EXPECT_EQ(entry(0), "|t|||by hand") << "the first that was filed";
+    EXPECT_EQ(finish(start([] { return shmnm_setnpsimuflag(7) == 0; })), 0);
     EXPECT_TRUE(shmnm_getnpsimuflag(&flag) == 0 && flag == 1);
     for (auto *call : {sem_detach, sem_entercrit_ifconfig, sem_leavecrit_ifconfig}) {
         EXPECT_EQ(call(), SHMRM_ERR_NOTINIT);
     }
 }
 
-TEST_F(QorIpc, KeepsEveryEntry_WhenFiftyProcessesFileAtOnce)
+TEST_F(QorIpc, KeepsEveryEntryOfManyProcesses_AndToItsCapacity_EvenDamaged)
 {
+    std::set<std::string> want, found;
     std::vector<pid_t> team;
-    for (int i = 0; i < 50; ++i) {
-        const std::string name = std::to_string(i);
-        team.push_back(start([name] { return file(name, "text of " + name) == 0; }));
+    for (int first = 0; first < 1024; first += 32) {
+        team.push_back(start([first] {
+            for (int i = first; i < first + 32; ++i) {
+                file(std::to_string(i), "text of " + std::to_string(i));
+            }
+            return true;
+        }));
     }
     for (const pid_t pid : team) {
-        EXPECT_TRUE(succeeds(pid));
+        EXPECT_EQ(finish(pid), 0);
     }
-    std::set<std::string> found;
-    struct shmrm_state got = {};
-    for (int i = 0; shmrm_getstate(i, &got) == 0; ++i) {
-        EXPECT_EQ(got.descript, std::string("text of ") + got.rscname);
-        EXPECT_TRUE(found.insert(got.rscname).second) << got.rscname;
+    for (int i = 0; i < 1024; ++i) {
+        want.insert("g|fip|" + std::to_string(i) + "||text of " + std::to_string(i));
+        found.insert(entry(i));
     }
-    EXPECT_EQ(found.size(), 50U);
+    EXPECT_EQ(found, want);
+    EXPECT_EQ(file("1024", "new"), SHMRM_ERR_MAXRSC);
+    EXPECT_EQ(file("1023", "new"), 0);
+    std::fstream(table, std::ios::in | std::ios::out).seekp(16)
+        << std::string(fs::file_size(table) - 16, '\xff');
+    for (int i = 0; i < 1024; ++i) { // the count, the turns and texts without end, all of 0xff
+        ASSERT_EQ(entry(i).size(), 31U + 1 + 31 + 1 + 31 + 1 + 32 + 1 + 127);
+    }
+    EXPECT_EQ(entry(1024), std::to_string(SHMRM_ERR_NOTFOUND));
+    EXPECT_EQ(file("r", "x"), SHMRM_ERR_MAXRSC);
 }
 
 TEST_F(QorIpc, ShowsOldOrNewText_WhenWritersAreKilledAtAnyInstant)
@@ -176,137 +184,88 @@ TEST_F(QorIpc, ShowsOldOrNewText_WhenWritersAreKilledAtAnyInstant)
         await(*shared, round + 1);
         struct shmrm_state got = {};
         for (int look = 0, i = 0; look < 20 + round * 2; ++look) {
-            if (shmrm_getstate(i++, &got) != 0) {
-                i = 0;
-                continue;
-            }
+            i = shmrm_getstate(i, &got) == 0 ? i + 1 : 0;
             const std::string texts = std::string(got.group) + got.descript;
             ASSERT_EQ(texts, std::string(texts.size(), got.group[0])) << got.rscname;
         }
-        end(writer);
+        finish(writer, SIGKILL);
         ASSERT_EQ(shmrm_setdescript("z", "fip", "same", "zz", 128), 0);
-        ASSERT_EQ(described(0), "zz");
+        ASSERT_EQ(entry(0), "z|fip|same||zz");
     }
 }
 
 TEST_F(QorIpc, RefusesUnsafeAndForeignFiles_CompletesUnfinishedOnes)
 {
-    const auto whole = fs::file_size(table);
-    const auto poke = [this](int at) {
-        std::fstream(table, std::ios::in | std::ios::out).seekp(at).put('X');
+    const std::pair<std::string, int> cases[] = {
+        {"chmod 602 resource.shm", SHMRM_ERR_SHMGET},
+        {"chown 65534 resource.shm", SHMRM_ERR_SHMGET},
+        {"mv resource.shm x; ln -s x resource.shm", SHMRM_ERR_SHMGET},
+        {"rm resource.shm; mkfifo -m 600 resource.shm", SHMRM_ERR_SHMGET},
+        {R"(printf X 1<>resource.shm)", SHMRM_ERR_LOADINFO},                    // magic
+        {R"(printf 'qor-rsc\0X' 1<>resource.shm)", SHMRM_ERR_LOADINFO},         // version
+        {R"(printf 'qor-rsc\0\1\0\0\0X' 1<>resource.shm)", SHMRM_ERR_LOADINFO}, // capacity
+        {"truncate -s -1 resource.shm", SHMRM_ERR_LOADINFO},
+        {"truncate -s +1 resource.shm", SHMRM_ERR_LOADINFO},
+        {"truncate -s 5 resource.shm", SHMRM_ERR_LOADINFO},
+        {"truncate -s 0 resource.shm", 0},
+        {"truncate -s 0 resource.shm; truncate -s 5000 resource.shm", 0},
+        {"truncate -r resource.shm x; mv x resource.shm", 0}, // all of the size, but not even the id
+        {"rm -r $PWD", 0},
+        {"rm -r $QOR_HOME", SHMRM_ERR_FTOK},
     };
-    const struct {
-        const char *name;
-        std::function<void()> spoil;
-        int result;
-    } cases[] = {
-        {"writable by others", [&] { chmod(table.c_str(), 0602); }, SHMRM_ERR_SHMGET},
-        {"owned by another", [&] { EXPECT_EQ(chown(table.c_str(), 65534, 0), 0); }, SHMRM_ERR_SHMGET},
-        {"link", [&] { fs::rename(table, home / "x"), fs::create_symlink(home / "x", table); },
-         SHMRM_ERR_SHMGET},
-        {"FIFO", [&] { fs::remove(table), mkfifo(table.c_str(), 0600); }, SHMRM_ERR_SHMGET},
-        {"other magic", [&] { poke(0); }, SHMRM_ERR_LOADINFO},
-        {"other version", [&] { poke(8); }, SHMRM_ERR_LOADINFO},
-        {"other capacity", [&] { poke(12); }, SHMRM_ERR_LOADINFO},
-        {"cut off", [&] { fs::resize_file(table, whole - 1); }, SHMRM_ERR_LOADINFO},
-        {"too long", [&] { fs::resize_file(table, whole + 1); }, SHMRM_ERR_LOADINFO},
-        {"short text", [&] { fs::resize_file(table, 5); }, SHMRM_ERR_LOADINFO},
-        {"empty", [&] { fs::resize_file(table, 0); }, 0},
-        {"short", [&] { fs::resize_file(table, 0), fs::resize_file(table, 5000); }, 0},
-        {"without id", [&] { fs::resize_file(table, 0), fs::resize_file(table, whole); }, 0},
-        {"missing", [&] { fs::remove_all(home / "run"); }, 0},
-        {"no home", [&] { fs::remove_all(home); }, SHMRM_ERR_FTOK},
-    };
-    for (const auto &[name, spoil, result] : cases) {
-        shmrm_detach();
+    for (const auto &[spoil, result] : cases) {
         fs::remove_all(home / "run");
-        ASSERT_EQ(shmrm_attach() + shmrm_detach(), 0);
-        spoil();
-        EXPECT_EQ(shmrm_attach(), result) << name;
-        EXPECT_TRUE(result != 0 || (file("r", name) == 0 && described(0) == name)) << name;
+        ASSERT_EQ(attach_anew(), 0);
+        ASSERT_EQ(system(("cd $QOR_HOME/run && " + spoil).c_str()), 0); // NOLINT
+        EXPECT_EQ(attach_anew(), result) << spoil;
+        EXPECT_TRUE(result != 0 || (file("r", "x") == 0 && entry(0) == "g|fip|r||x")) << spoil;
     }
-}
-
-TEST_F(QorIpc, KeepsToItsCapacity_WhenTableIsFullOrDamaged)
-{
-    for (int i = 0; i < 1024; ++i) {
-        ASSERT_EQ(file(std::to_string(i), "old"), 0);
-    }
-    EXPECT_EQ(file("1024", "new"), SHMRM_ERR_MAXRSC);
-    EXPECT_EQ(file("1023", "new"), 0);
-    EXPECT_EQ(described(1023), "new");
-    std::fstream(table, std::ios::in | std::ios::out).seekp(16)
-        << std::string(fs::file_size(table) - 16, '\xff');
-    struct shmrm_state got = {}; // the count, the turns and texts without end, all of 0xff
-    for (int i = 0; i < 1024; ++i) {
-        ASSERT_EQ(shmrm_getstate(i, &got), 0);
-        ASSERT_EQ(strlen(got.rscname) + strlen(got.rscfree) + strlen(got.descript), 31U + 32 + 127);
-    }
-    EXPECT_EQ(shmrm_getstate(1024, &got), SHMRM_ERR_NOTFOUND);
-    EXPECT_EQ(file("r", "x"), SHMRM_ERR_MAXRSC);
 }
 
 TEST_F(QorIpc, FailsWithoutSignal_WhenDiskIsFull)
 {
-    EXPECT_TRUE(succeeds(start([this] { // with a small file system of its own in run/
-        char start_of_table[4096] = "";
-        std::ifstream(table).read(start_of_table, sizeof(start_of_table));
+    const pid_t child = start([this] { // with a file system of its own in run/
+        const auto disk = [this](const char *size, unsigned long flags = MS_REMOUNT) {
+            return mount("none", (home / "run").c_str(), "tmpfs", flags, size) == 0;
+        };
         const auto whole = fs::file_size(table);
-        shmrm_detach();
-        const bool mounted = unshare(CLONE_NEWNS) == 0 && mount("", "/", "", MS_REC | MS_PRIVATE, "") == 0 &&
-                             mount("none", (home / "run").c_str(), "tmpfs", 0, "size=64k") == 0;
-        const bool fails = mounted && shmrm_attach() == SHMRM_ERR_NOTENOUGH;
-        std::ofstream(table).write(start_of_table, sizeof(start_of_table));
+        const bool own = unshare(CLONE_NEWNS) == 0 && mount("", "/", "", MS_REC | MS_PRIVATE, "") == 0;
+        const bool fails = own && disk("size=64k", 0) && attach_anew() == SHMRM_ERR_NOTENOUGH;
+        const bool goes_on = disk("size=1m") && attach_anew() == 0 && file("r", "x") == 0;
+        fs::resize_file(table, 4096);
         fs::resize_file(table, whole); // the rest is a hole
-        const bool fails_with_hole = shmrm_attach() == SHMRM_ERR_NOTENOUGH;
-        return fails && fails_with_hole &&
-               mount("none", (home / "run").c_str(), "", MS_REMOUNT, "size=1m") == 0 && shmrm_attach() == 0 &&
-               file("r", "x") == 0;
-    })));
+        return fails && goes_on && disk("size=64k") && attach_anew() == SHMRM_ERR_NOTENOUGH;
+    });
+    EXPECT_EQ(finish(child), 0);
 }
 
-TEST_F(QorIpc, ReadsAndGivesUpWriting_WhenWriterIsStopped)
+TEST_F(QorIpc, BlocksWritersOnly_UntilHolderOfTheLocksIsKilled_ThoughItsCommandRunsOn)
 {
     ASSERT_EQ(file("r", "old"), 0);
-    const pid_t stopped = start([this] {
+    const pid_t holder = start([this] {
         struct flock lock = {};
         lock.l_type = F_WRLCK;
-        *shared = fcntl(open(table.c_str(), O_RDWR | O_CLOEXEC), F_SETLK, &lock) == 0 ? 1 : 2;
-        return raise(SIGSTOP) == 0;
-    });
-    await(*shared, 1);
-    EXPECT_EQ(file("r", "new"), SHMRM_ERR_SHMCTL);
-    EXPECT_EQ(shmrm_detach() + shmrm_attach(), 0);
-    EXPECT_EQ(described(0), "old");
-    end(stopped);
-    EXPECT_EQ(file("r", "new"), 0);
-    EXPECT_EQ(described(0), "new");
-}
-
-TEST_F(QorIpc, OpensTheSection_WhenHolderIsKilledWhileItsCommandRuns)
-{
-    const pid_t holder = start([this] {
+        const bool locked = fcntl(open(table.c_str(), O_RDWR | O_CLOEXEC), F_SETLK, &lock) == 0;
         const bool entered = sem_attach() == 0 && sem_entercrit_ifconfig() == 0;
-        const pid_t command = fork();
-        if (command == 0) {
-            execl("/bin/sleep", "sleep", "600", nullptr);
-            _exit(127);
+        if (const pid_t command = fork(); command != 0) {
+            *shared = locked && entered ? command : 1;
         }
-        *shared = entered ? command : 1;
-        return pause() == 0;
+        return sleep(600) == 0; // so does the command
     });
     await(shared[0], 1);
-    const pid_t command = shared[0];
-    ASSERT_GT(command, 1);
+    ASSERT_GT(shared[0], 1);
     const pid_t next = start([this] {
         const bool attached = sem_attach() == 0;
         shared[1] = 1;
         return attached && sem_entercrit_ifconfig() == 0 && sem_detach() == 0;
     });
     await(shared[1], 1);
-    usleep(20000);
+    EXPECT_EQ(file("r", "new"), SHMRM_ERR_SHMCTL); // after two seconds
+    EXPECT_EQ(attach_anew(), 0);
+    EXPECT_EQ(entry(0), "g|fip|r||old");
     EXPECT_EQ(waitpid(next, nullptr, WNOHANG), 0) << "entered beside the holder";
-    end(holder);
-    EXPECT_TRUE(succeeds(next));
-    EXPECT_EQ(kill(command, SIGKILL), 0) << "the command was not running any more";
+    finish(holder, SIGKILL);
+    EXPECT_EQ(finish(next), 0);
+    EXPECT_EQ(file("r", "new"), 0);
+    EXPECT_EQ(kill(shared[0], SIGKILL), 0) << "the command was not running any more";
 }
