@@ -14,7 +14,6 @@ std::string shown(const char *field)
 
 // ARGUMENT | OUTCOME | ADDR MASK MASKLEN IFNAME FAMILY FULL; 15 stands for fifteen-letters, 45 for 45 digits
 constexpr char arguments[] = R"(
-192.168.0.10 | 0 | 192.168.0.10 - - - 4 0
 1.2.3.4/0 | 0 | 1.2.3.4 0.0.0.0 0 - 4 0
 1.2.3.4/32 | 0 | 1.2.3.4 255.255.255.255 32 - 4 0
 1.2.3.4/33 | 31 [over max mask bit num.(mask bit=33)] | 1.2.3.4 - 33 - 4 0
@@ -23,11 +22,9 @@ constexpr char arguments[] = R"(
 1.2.3.4/000000000000024 | 0 | 1.2.3.4 255.255.255.0 24 - 4 0
 1.2.3.4/0000000000000024 | 31 [Mask is invalid.(mask=0000000000000024)] | 1.2.3.4 - - - 4 0
 10.0.0.1/24%eth0:3 | 0 | 10.0.0.1 255.255.255.0 24 eth0:3 4 1
-10.0.0.1%eth0/24 | 29 [FIP address is invalid] | 10.0.0.1%eth0 - - - 4 0
 10.0.0.1%eth0:1:2 | 30 [IP alias is invalid.(alias=1:2)] | 10.0.0.1 - - eth0:1:2 4 0
 10.0.0.1%eth0:9999 | 0 | 10.0.0.1 - - eth0:9999 4 1
 10.0.0.1%e:10000 | 30 [over max IP alias num.(alias=10000)] | 10.0.0.1 - - e:10000 4 0
-1.1.1.1%e:9999999999 | 30 [over max IP alias num.(alias=2147483647)] | 1.1.1.1 - - e:9999999999 4 0
 10.0.0.1%<15> | 0 | 10.0.0.1 - - <15> 4 0
 10.0.0.1%<15>x | 30 [Interface name is too long.] | 10.0.0.1 - - <15>x 4 0
 10.0.0.1%<15>:000000000000001 | 0 | 10.0.0.1 - - <15>:000000000000001 4 1
@@ -47,12 +44,11 @@ TEST_F(AddressTest, IsTakenApart)
     for (const auto &row : table(arguments, {{"<15>", "fifteen-letters"}, {"<45>", std::string(45, '1')}})) {
         FIP_INFO out;
         memset(&out, '#', sizeof(out));
-        const int untouched = out.masklen;
         fullnotation = fip_ipck(row[0].c_str());
         EXPECT_EQ(nic_ipck(row[0].c_str()), ipv6flag);
         const int code = fip_div_ipmask(row[0].c_str(), out.addr, out.mask, &out.masklen, out.ifname);
         EXPECT_EQ(outcome(code), row.at(1)) << row[0];
-        const std::string length = out.masklen == untouched ? "-" : std::to_string(out.masklen);
+        const std::string length = out.masklen == 0x23232323 ? "-" : std::to_string(out.masklen);
         const std::string flags = join(4 + 2 * ipv6flag, fullnotation);
         EXPECT_EQ(join(shown(out.addr), shown(out.mask), length, shown(out.ifname), flags), row.at(2));
     }
@@ -72,7 +68,7 @@ protected:
         return to;
     }
 
-    // Rows from "NAME[=ADDRESS/BITS] ..."; the hardware address of row N is N.
+    // Rows from "NAME[=ADDRESS/BITS] ...", at most ten; the hardware address of row N is N.
     static std::vector<ipaddrinfo> inventory(const std::string &text)
     {
         std::vector<ipaddrinfo> rows;
@@ -81,49 +77,47 @@ protected:
             const std::size_t equals = word.find('=');
             const vdevinfo from = equals < word.size() ? parse(word.substr(equals + 1)) : vdevinfo{};
             const auto n = static_cast<unsigned char>(rows.size());
-            rows.push_back({"", n, from.nipel, from.nipel6, from.sipel, "", {n}});
+            rows.push_back({"", n, from.nipel, from.nipel6, from.sipel, {static_cast<char>('0' + n)}, {n}});
             copy_text(rows.back().ifname, word.substr(0, equals).c_str());
-            copy_text(rows.back().smac, std::to_string(n).c_str());
         }
         return rows;
     }
 
-    // "OUTCOME: IFNAME VDEVNAME MASK/MASKLEN BCAST MAC"
+    // "OUTCOME: IFNAME VDEVNAME MASK MASKLEN BCAST MAC"
     std::string choose(const std::vector<ipaddrinfo> &rows, const std::string &address, const char *ifname)
     {
         vdevinfo dev = parse(address);
         copy_text(dev.ifname, ifname);
         const std::string left = outcome(fip_crt_vdevinfo(rows.data(), static_cast<int>(rows.size()), &dev));
         EXPECT_EQ(atoi(dev.smac), dev.macaddr[0]); // NOLINT(cert-err34-c)
-        const std::string mask = shown(dev.sipel.mask) + "/" + std::to_string(dev.sipel.masklen);
-        return join(left + ":", shown(dev.ifname), shown(dev.vdevname), mask, shown(dev.bcast),
-                    shown(dev.smac));
+        return join(left + ":", shown(dev.ifname), shown(dev.vdevname), shown(dev.sipel.mask),
+                    dev.sipel.masklen, shown(dev.bcast), shown(dev.smac));
     }
 };
 
 // INVENTORY | ADDRESS | CONFIGURED INTERFACE | what choose() gives: IPv4 by subnet, IPv4 on a configured
 // interface, IPv6
 constexpr char targets[] = R"(
-e=10.1.0.1/24 f=10.1.2.1/24 f:0=10.1.2.2/24 | 10.1.2.3 |  | 0: f f:1 255.255.255.0/0 10.1.2.255 1
-e=10.1.9.1/24 | 10.1.2.3/16 |  | <lost>10.1.2.3<in> . . 255.255.0.0/16 . .
-e=10.1.0.1/24 | 10.1.2.3/16 |  | 0: e e:0 255.255.0.0/16 10.1.255.255 0
-e=10.1.0.1/16 E:0=1.1.1.1/8 e:2=1.1.1.2/8 | 10.1.2.3 |  | 0: e e:1 255.255.0.0/0 10.1.255.255 0
-e=10.1.0.1/16 e:00=1.1.1.1/8 ee:0=1.1.1.3/8 | 10.1.2.3 |  | 0: e e:0 255.255.0.0/0 10.1.255.255 0
-e f=10.1.2.3/32 g=0.0.0.0/0 | 10.1.2.3 |  | <lost>10.1.2.3<in> . . ./0 . .
-13-characters=1.1.1.1/8 | 1.2.3.4 |  | 0: 13-characters 13-characters:0 255.0.0.0/0 1.255.255.255 0
-14--characters=1.1.1.1/8 | 1.2.3.4 |  | <long> 14--characters 14--characters:0 255.0.0.0/0 1.255.255.255 0
-eth10=10.1.0.1/16 eth1=1.0.0.1/8 | 10.1.2.3 | eth1 | 0: eth1 eth1:0 255.0.0.0/0 10.255.255.255 1
-e=10.1.0.1/16 E:3=1.0.0.1/8 | 10.1.2.3 | e:3 | <used> e:3 . 255.255.0.0/0 10.1.255.255 0
-eth10=10.1.0.1/16 | 10.1.2.3 | eth1 | 0: eth1 eth1 255.255.255.0/0 10.1.2.255 .
-ETH1=10.1.0.1/24 | 10.1.2.3/16 | eth1:7 | 0: eth1:7 eth1:7 255.255.0.0/16 10.1.255.255 .
-eth1 | 10.1.2.3 | eth1 | 0: eth1 eth1:0 0.0.0.0/0 255.255.255.255 0
-e=fd01::1/56 e=10.1.0.1/16 | 10.1.2.3 | e | 0: e e:0 255.255.0.0/0 10.1.255.255 1
-lo=fd00::5/128 e f=fd00::1/0 g=fd00::1/64 | fd00::5 |  | 0: g . ./64 . 3
-e=fd00::1/64 | fd00::5/48 |  | 0: e . ffff:ffff:ffff::/48 . 0
-e=fd00:0:0:1::1/64 | fd00::5/48 |  | <lost>fd00::5<in> . . ffff:ffff:ffff::/48 . .
-eth10=fd01::1/64 eth1=fd01::2/56 | fd00::5 | eth1 | 0: eth1 . ./56 . 1
-e=10.1.0.1/16 e=fd01::1/56 | fd00::5 | e | 0: e . ./56 . 1
-e=fd01::1/64 | fd00::5 | e:1 | 0: e:1 e:1 ./64 . .
+e=10.1.0.1/24 f=10.1.2.1/24 f:0=10.1.2.2/24 | 10.1.2.3 |  | 0: f f:1 255.255.255.0 0 10.1.2.255 1
+e=10.1.9.1/24 | 10.1.2.3/16 |  | <lost>10.1.2.3<in> . . 255.255.0.0 16 . .
+e=10.1.0.1/24 | 10.1.2.3/16 |  | 0: e e:0 255.255.0.0 16 10.1.255.255 0
+e=10.1.0.1/16 E:0=1.1.1.1/8 e:2=1.1.1.2/8 | 10.1.2.3 |  | 0: e e:1 255.255.0.0 0 10.1.255.255 0
+e=10.1.0.1/16 e:00=1.1.1.1/8 ee:0=1.1.1.3/8 | 10.1.2.3 |  | 0: e e:0 255.255.0.0 0 10.1.255.255 0
+e f=10.1.2.3/32 g=0.0.0.0/0 | 10.1.2.3 |  | <lost>10.1.2.3<in> . . . 0 . .
+13-characters=1.1.1.1/8 | 1.2.3.4 |  | 0: 13-characters 13-characters:0 255.0.0.0 0 1.255.255.255 0
+14--characters=1.1.1.1/8 | 1.2.3.4 |  | <long> 14--characters 14--characters:0 255.0.0.0 0 1.255.255.255 0
+eth10=10.1.0.1/16 eth1=1.0.0.1/8 | 10.1.2.3 | eth1 | 0: eth1 eth1:0 255.0.0.0 0 10.255.255.255 1
+e=10.1.0.1/16 E:3=1.0.0.1/8 | 10.1.2.3 | e:3 | <used> e:3 . 255.255.0.0 0 10.1.255.255 0
+eth10=10.1.0.1/16 | 10.1.2.3 | eth1 | 0: eth1 eth1 255.255.255.0 0 10.1.2.255 .
+ETH1=10.1.0.1/24 | 10.1.2.3/16 | eth1:7 | 0: eth1:7 eth1:7 255.255.0.0 16 10.1.255.255 .
+eth1 | 10.1.2.3 | eth1 | 0: eth1 eth1:0 0.0.0.0 0 255.255.255.255 0
+e=fd01::1/56 e=10.1.0.1/16 | 10.1.2.3 | e | 0: e e:0 255.255.0.0 0 10.1.255.255 1
+lo=fd00::5/128 e f=fd00::1/0 g=fd00::1/64 | fd00::5 |  | 0: g . . 64 . 3
+e=fd00::1/64 | fd00::5/48 |  | 0: e . ffff:ffff:ffff:: 48 . 0
+e=fd00:0:0:1::1/64 | fd00::5/48 |  | <lost>fd00::5<in> . . ffff:ffff:ffff:: 48 . .
+eth10=fd01::1/64 eth1=fd01::2/56 | fd00::5 | eth1 | 0: eth1 . . 56 . 1
+e=10.1.0.1/16 e=fd01::1/56 | fd00::5 | e | 0: e . . 56 . 1
+e=fd01::1/64 | fd00::5 | e:1 | 0: e:1 e:1 . 64 . .
 )";
 
 TEST_F(TargetTest, IsChosen)
@@ -144,5 +138,5 @@ TEST_F(TargetTest, IsChosen)
     EXPECT_EQ(fip_chk_ifname(rows.data(), 10'001, "E:9999"), 1);
     EXPECT_EQ(fip_chk_ifname(rows.data(), 10'000, "e:9999"), 0); // within the rows given
     rows.pop_back();
-    EXPECT_EQ(choose(rows, "10.1.2.3", ""), "0: e e:9999 255.255.0.0/0 10.1.255.255 0");
+    EXPECT_EQ(choose(rows, "10.1.2.3", ""), "0: e e:9999 255.255.0.0 0 10.1.255.255 0");
 }

@@ -58,15 +58,15 @@ TEST_F(ConfigTest, ReadsParameters_ByRunMode)
 
 TEST_F(ConfigTest, CorrectsPollPeriod)
 {
-    const std::tuple<std::string, std::string, int, int> cases[] = {
-        {"60", "-1", 10'000, 6000},      {"60", "0", 10'000, 6000},     {"0", "10000", 10'000, 0},
-        {"2", "2000000", 2'000'000, 1},  {"2", "2000001", 10'000, 200}, {"2148", "2147483647", INT_MAX, 1},
-        {"2147483647", "1", 1, INT_MAX},
+    const int cases[][4] = {
+        {60, -1, 10'000, 6000},       {60, 0, 10'000, 6000},       {0, 10'000, 10'000, 0},
+        {2, 2'000'000, 2'000'000, 1}, {2, 2'000'001, 10'000, 200}, {2148, INT_MAX, INT_MAX, 1},
+        {INT_MAX, 1, 1, INT_MAX},
     };
     for (const auto &[timeout, sleeptime, checkstime, checkloopc] : cases) {
-        std::string xml = "<ip>10.0.0.1</ip><ifconfig><timeout>";
-        xml.append(timeout).append("</timeout></ifconfig><check><ifconfig><sleeptime>").append(sleeptime);
-        read(xml.append("</sleeptime></ifconfig></check>"));
+        read(join("<ip>10.0.0.1</ip><ifconfig><timeout>", timeout,
+                  "</timeout></ifconfig><check><ifconfig><sleeptime>", sleeptime,
+                  "</sleeptime></ifconfig></check>"));
         EXPECT_EQ(join(info.checkstime, info.checkloopc), join(checkstime, checkloopc)) << sleeptime;
     }
 }

@@ -1,5 +1,4 @@
-// What the agent's unit tests share: a suite home of their own, the run's globals as a fresh process has
-// them, and what a call left behind.
+// What the agent's unit tests share: a suite home of their own, and what a call left behind.
 #ifndef FIP_FIXTURE_H
 #define FIP_FIXTURE_H
 
@@ -48,12 +47,13 @@ std::string join(const First &first, const Parts &...parts)
 inline std::string hex(const void *bytes, std::size_t size)
 {
     std::ostringstream out;
-    for (std::size_t i = 0; i < size; ++i) {
-        out << std::hex << std::setw(2) << std::setfill('0')
-            << int{static_cast<const unsigned char *>(bytes)[i]};
+    for (const auto *at = static_cast<const unsigned char *>(bytes); size > 0; --size) {
+        out << std::hex << std::setw(2) << std::setfill('0') << int{*at++};
     }
     return out.str();
 }
+
+inline const auto open_files = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };
 
 using names = std::vector<std::pair<std::string, std::string>>;
 
@@ -65,12 +65,10 @@ inline std::vector<std::vector<std::string>> table(std::string text, const names
     }
     std::vector<std::vector<std::string>> rows;
     std::istringstream lines(text.substr(1));
+    const std::regex bar(" \\| ");
+    using fields = std::sregex_token_iterator;
     for (std::string line; std::getline(lines, line);) {
-        rows.emplace_back();
-        for (std::size_t at = 0, end = 0; end != std::string::npos; at = end + 3) {
-            end = line.find(" | ", at);
-            rows.back().push_back(line.substr(at, end - at));
-        }
+        rows.emplace_back(fields(line.begin(), line.end(), bar, -1), fields());
     }
     return rows;
 }
@@ -88,9 +86,7 @@ protected:
         ASSERT_NE(mkdtemp(name), nullptr);
         home = name;
         setenv("QOR_HOME", name, 1); // NOLINT(concurrency-mt-unsafe)
-        actflag = ipv6flag = fullnotation = shmrmflag = shmnmflag = semflag = sementifflag = 0;
-        xmliniflag = xmlconflag = loginiflag = 0;
-        IsIfconfig = 1;
+        actflag = ipv6flag = 0;
         copy_text(inspath, name);
         copy_text(info.rscname, "fip1");
         copy_text(info.addr, "10.0.0.1");
@@ -141,39 +137,15 @@ protected:
     std::string outcome(int code) const
     {
         std::string left = std::to_string(code);
-        std::ifstream in(home / "trace");
-        for (std::string line; left.find('[') == std::string::npos && std::getline(in, line);) {
-            if (line.find(" 1 src/") != std::string::npos) {
-                left.append(" [").append(line, line.find(" | ") + 3).append("]");
-            }
+        const std::string lines = read_file(home / "trace");
+        std::smatch error;
+        if (std::regex_search(lines, error, std::regex(" 1 src/[^|]*\\| (.*)"))) {
+            left.append(" [").append(error.str(1)).append("]");
         }
         left.append(shmbuf[0] != '\0' ? " " : "").append(shmbuf);
-        for (std::size_t at = 0; (at = left.find(home)) != std::string::npos;) {
-            left.erase(at, home.string().size()).insert(at, 1, '~');
-        }
         fip_set_message("%s", "");
         fs::resize_file(home / "trace", 0);
-        return left;
-    }
-
-    // Body of a script that hangs together with a child and a grandchild, and tells when it runs.
-    const std::string hanging =
-        "ln -sf /bin/sleep $HERE/nap; ($HERE/nap 999; :) & touch $HERE/runs; $HERE/nap 999";
-
-    // Expects that such a script ran and that nothing of it is left: a process with the home in its command
-    // line. A kill takes its time.
-    void expect_ended() const
-    {
-        EXPECT_TRUE(fs::exists(home / "runs"));
-        int left = 1;
-        for (int i = 0; i < 1000 && left > 0; ++i) {
-            left = 0;
-            for (const fs::directory_entry &entry : fs::directory_iterator("/proc")) {
-                left += read_file(entry.path() / "cmdline").find(home) != std::string::npos ? 1 : 0;
-            }
-            usleep(10'000);
-        }
-        EXPECT_EQ(left, 0);
+        return std::regex_replace(left, std::regex(home.string()), "~");
     }
 };
 

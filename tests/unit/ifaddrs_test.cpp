@@ -1,25 +1,26 @@
-// The announcement of an address, on interfaces of the test's own.
+// Hardware addresses in the kernel's list: the announcement's, and the inventory's.
 
 #include "fip/arp.h"
 #include "fip_fixture.h"
 
 #include <ifaddrs.h>
-#include <sys/socket.h>
+#include <sys/syscall.h>
 
 namespace
 {
 
-// The kernel's list: an IPv6 address, and a hardware address A1 A2 A3 ... whose broadcast address is all
-// ones.
+// The kernel's list: an IPv6 address, and a hardware address A1 A2 A3 ... with a broadcast address of ones.
 alignas(sockaddr_ll) unsigned char inet6[64] = {AF_INET6}, addr[64] = {}, broadcast[64] = {};
 ifaddrs link_entry = {}, list = {};
-int sends; // that the kernel takes until one falls short by a byte
+int sends;  // that the kernel takes until one falls short by a byte
+bool rings; // whether it gives an io_uring
 std::string sent;
 
 } // namespace
 
 extern "C" {
 int __real_socket(int family, int type, int protocol);
+long __real_syscall(long number, long a, long b, long c, long d);
 
 int __wrap_getifaddrs(ifaddrs **head)
 {
@@ -35,6 +36,11 @@ int __wrap_socket(int family, int type, int protocol)
     return __real_socket(AF_UNIX, type, 0);
 }
 
+long __wrap_syscall(long number, long a, long b, long c, long d)
+{
+    return rings || number != SYS_io_uring_setup ? __real_syscall(number, a, b, c, d) : -1;
+}
+
 ssize_t __wrap_sendto(int, const void *data, std::size_t size, int, const sockaddr *to, socklen_t tosize)
 {
     sent += hex(data, size) + ">" + hex(to, tosize);
@@ -44,7 +50,7 @@ ssize_t __wrap_sendto(int, const void *data, std::size_t size, int, const sockad
 
 using IfaddrsTest = FipTest;
 
-TEST_F(IfaddrsTest, Announces_ToBroadcastAddress)
+TEST_F(IfaddrsTest, AnnouncesAndLists)
 {
     const std::string mac = "a1a2a3a4a5a6", ip = "c0a80064", mac20 = mac + "a7a8a9aaabacadaeafb0b1b2b3b4";
     const std::string six =
@@ -56,21 +62,22 @@ TEST_F(IfaddrsTest, Announces_ToBroadcastAddress)
     const struct {
         char *ifname;
         unsigned char length;
-        bool broadcast;
+        bool broadcast, rings;
         int sends;
-        std::string outcome, sent;
+        std::string outcome, sent, listed;
     } cases[] = {
-        {name, 6, true, 2, "0", six + six},
-        {name, 20, true, 2, "0", twenty + twenty},
-        {name, 6, true, 0, "21 [send_arp: Sent [27]byte. expected to send [28]byte.", six},
-        {name, 6, false, 2, none, ""},
-        {name, 0, true, 2, none, ""},
-        {name, 21, true, 2, none, ""},
-        {other, 6, true, 2, none, ""}, // what is left has no hardware address, though it could be read as one
+        {name, 6, true, true, 2, "0", six + six, mac},
+        {name, 6, true, true, 0, "21 [send_arp: Sent [27]byte. expected to send [28]byte.", six, mac},
+        {name, 20, true, false, 2, "0", twenty + twenty, mac20},
+        {name, 6, false, true, 2, none, "", mac},
+        {name, 0, true, true, 2, none, "", ""},
+        {name, 21, true, true, 2, none, "", mac20},
+        {other, 6, true, true, 2, none, "", ""}, // what is left has no hardware address, but could be read so
     };
+    const auto open_before = open_files();
     for (const auto &row : cases) {
-        const sockaddr_ll sll = {AF_PACKET,  0, 7, static_cast<unsigned short>(row.length > 8 ? 32 : 1), 0,
-                                 row.length, {}};
+        const auto type = static_cast<unsigned short>(row.length > 8 ? 32 : 1);
+        const sockaddr_ll sll = {AF_PACKET, 0, 7, type, 0, row.length, {}};
         memcpy(addr, &sll, sizeof(sll));
         memcpy(broadcast, &sll, sizeof(sll));
         for (unsigned i = 0; i < row.length; ++i) {
@@ -82,6 +89,7 @@ TEST_F(IfaddrsTest, Announces_ToBroadcastAddress)
         link_entry = {nullptr, row.ifname, 0, reinterpret_cast<sockaddr *>(addr), nullptr, {to}, nullptr};
         list = {&link_entry, name, 0, reinterpret_cast<sockaddr *>(inet6), nullptr, {to}, nullptr};
         sends = row.sends;
+        rings = row.rings;
         sent.clear();
         vdevinfo dev = {};
         copy_text(dev.ifname, "eth0:2");
@@ -89,5 +97,12 @@ TEST_F(IfaddrsTest, Announces_ToBroadcastAddress)
         EXPECT_TRUE(outcome(fip_send_arp(&dev, 2, 2)).starts_with(row.outcome)) << row.outcome;
         EXPECT_EQ(sent, row.sent);
         EXPECT_EQ(hex(dev.macaddr, 20).starts_with(row.length > 6 ? mac20 : mac), !sent.empty());
+        ipaddrinfo *rows = nullptr;
+        int num = 0;
+        ASSERT_EQ(nic_get_all_info(&rows, &num) * 10 + num, 1);
+        EXPECT_STRCASEEQ(rows->smac, row.listed.c_str());
+        EXPECT_EQ(hex(rows->macaddr, row.listed.size() / 2), row.listed);
+        free(rows);
     }
+    EXPECT_EQ(open_files(), open_before + 1); // the last socket waits for the end of the process
 }

@@ -44,13 +44,11 @@ TEST_F(InventoryTest, ReadsOlderLayout)
     const std::string mac = "00:50:56:9A:1B:2C 0050569a1b2c", mac1 = "00:50:56:9A:1B:2D 0050569a1b2d";
     const std::string ib = "80:00:00:48:FE:80:00:00:00:00:00:00:00:02:C9:03:00:0E:0F:11", pad(1100, ' ');
     const std::string bad_mac = "18 [mac adderss is invalid.] Internal error. (status=18)";
-    std::string many, many_rows = "0", many6 = "e\n", many6_rows = "0";
-    for (int i = 11; i < 44; ++i) { // the rows grow twice
-        const std::string n = std::to_string(i);
-        many += join("e inet", "addr:10.0.0." + n, "Mask:255.0.0.0\n");
-        many_rows += join("; e", "10.0.0." + n, "255.0.0.0 0  ");
-        many6 += " inet6 addr: fd00::" + n + "/16\n";
-        many6_rows += join("; e", "fd00::" + n, "ffff:: 16  ");
+    std::string many, many_rows = "0";
+    for (int i = 0; i < 50; ++i) { // room for more is made for an address and, at row 48, for an interface
+        many += i % 3 == 0 ? "e\n" : "";
+        many += " inet6 addr: fd00::" + std::to_string(i + 1) + "/16\n";
+        many_rows += join("; e", "fd00::" + std::to_string(i + 1), "ffff:: 16  ");
     }
     const std::tuple<bool, std::string, std::string> cases[] = {
         {false, ethernet,
@@ -58,15 +56,13 @@ TEST_F(InventoryTest, ReadsOlderLayout)
         {true, ethernet,
          "0; eth0 fe80::1 ffff:: 16 " + mac + "; eth0 fd01::1 :: 0 " + mac + "; eth0:1   0 " + mac1 +
              "; lo   0  "},
-        {false, many, many_rows},
-        {true, many6, many6_rows},
+        {true, many, many_rows},
         {false, "ib0 HWADDR " + ib + "\n", "0; ib0   0 " + ib + " 80000048fe800000000000000002c903000e0f11"},
         {false, "a inet Mask:255.0.0.0 addr:1.2.3.4\n HWaddr 1FF:2:3:4:5:6\n",
          "0; a  255.0.0.0 0 1FF:2:3:4:5:6 ff0203040506"},
         {true, "a inet6 addr:  ::1/8\n inet6 fe80::1/64\n inet6 addr:\n", "0; a   0  "},
         {false, "eth0 HWaddr 01:02:03:04:05:06:07:08\n", bad_mac},
         {true, "eth0\n inet6 addr: fe80::1/129\n", "31 [over max mask bit num.(mask bit=129)]"},
-        {false, "", "0"},
         {false, "\n\n   inet addr:1.2.3.4\n\tHWaddr x\n", "0"},
         {false, std::string(40, 'n') + " x\n", "0; " + std::string(31, 'n') + "   0  "},
         // What a line has behind the buffer's end is passed over, and a token cut there too.
@@ -83,8 +79,6 @@ TEST_F(InventoryTest, ReadsOlderLayout)
 
 TEST_F(InventoryTest, JudgesHowCommandEnds)
 {
-    EXPECT_EQ(take("echo eth0; exit 1"),
-              "3 ['~/if$config' -a : failed. (ret=1)] Command failed. ('~/if$config' -a, ret=1)");
     EXPECT_EQ(take("kill -9 0").substr(0, 45), "11 [pclose('~/if$config' -a) error. (ret=0,er");
     EXPECT_EQ(take("exec yes eth0").substr(0, 12), "10 [realloc(");
     EXPECT_EQ(take("head -c 100000000 /dev/zero"), "0");

@@ -29,14 +29,14 @@ TEST_F(SrcipTest, ChecksOtherResources)
 {
     ipaddrinfo row = {"eth1:1", 0, {{inet_addr("10.0.0.5")}, {}}, {}, {}, "", {}};
     const std::tuple<const char *, const char *, std::string> cases[] = {
-        {"eth1:5", "<ip>10.0.0.7</ip></parameters><server name='node1'><parameters><ip>10.0.0.5</ip>", "15"},
-        {"eth1:5", "<ip>10.0.0.5</ip></parameters><server name='node1'><parameters><ip>10.0.0.7</ip>", "0"},
-        {"eth1:5", "<ip>10.0.0.55</ip></parameters><server name='node1'><parameters>", "0"},
-        {"eth10", "<ip>10.0.0.5</ip></parameters><server name='node1'><parameters>", "0"},
+        {"eth1:5", "7</ip></parameters><server name='node1'><parameters><ip>10.0.0.5</ip>", "15"},
+        {"eth1:5", "5</ip></parameters><server name='node1'><parameters><ip>10.0.0.7</ip>", "0"},
+        {"eth1:5", "55</ip></parameters><server name='node1'><parameters>", "0"},
+        {"eth10", "5</ip></parameters><server name='node1'><parameters>", "0"},
     };
     for (const auto &[ifname, ip, expected] : cases) {
-        start_config(join("<fip name='b'><parameters><srcip><use>1</use></srcip>", ip,
-                          "</parameters></server></fip>"));
+        start_config("<fip name='b'><parameters><srcip><use>1</use></srcip><ip>10.0.0." + std::string(ip) +
+                     "</parameters></server></fip>");
         vdevinfo dev = {};
         copy_text(dev.ifname, ifname);
         EXPECT_EQ(outcome(fip_srcip_check(&row, 1, &dev, "fip1")).substr(0, 2), expected) << ip;

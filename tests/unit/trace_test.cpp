@@ -1,5 +1,6 @@
 // The trace log, as its callers see it.
 
+#include "fip/log.h"
 #include "fip_fixture.h"
 
 using TraceTest = FipTest;
@@ -9,26 +10,32 @@ TEST_F(TraceTest, WritesLines)
     constexpr char source[] = "src/fip.c";
     tracetell("%s%nninelette");
     trace(TRACE_INFO, source, 7, "f", "%s", "100%s");
-    traceshmrm(11, source, 7, "f", "%s", "call");
+    for (const int code : {-1, 10, 11}) { // the last name, and what has none
+        tracexml(code, source, 7, "f", "%s", "call");
+    }
+    for (const int code : {1, 15, 16}) {
+        traceshmrm(code, source, 7, "f", "%s", "call");
+    }
     tracemess(TRACE_EVENT, 10, source, 7, "f", nullptr, "1.2.3.4"); // events have no prefix
+    trace(TRACE_INFO, source, 7, "f", "%2000s", "");
     EXPECT_TRUE(traced(" 4 src/fip.c:7 f | %s%nnine: 100%s\n"));
-    EXPECT_TRUE(traced(" 1 src/fip.c:7 f | %s%nnine:   call failed. (0xb SHMRM_ERR_MAXGRP)\n"));
+    EXPECT_TRUE(traced(" 4 src/fip.c:7 f | %s%nnine: " + std::string(1023, ' ') + "\n"));
+    for (const std::string detail :
+         {"0xffffffff ??", "0xa QOR_XMLERR_OTHER", "0xb ??", "0x1 ??", "0xf SHMRM_ERR_LOADCONF", "0x10 ??"}) {
+        EXPECT_TRUE(traced(" 1 src/fip.c:7 f | %s%nnine:   call failed. (" + detail + ")\n"));
+    }
     EXPECT_TRUE(traced(" 32768 src/fip.c:7 f | address 1.2.3.4 is in use by another host\n"));
 }
 
-TEST_F(TraceTest, NamesErrors)
+TEST_F(TraceTest, TakesLevelAndSize_WithoutConfiguration)
 {
-    const std::string expected =
-        "?? SUCCESS NOT_INIT NOT_LOAD NOTENOUGH_SIZE NOTEXIST_PATH NOTEXIST_VALUE INVALID_PATH INVALID_XML "
-        "INVALID_HANDLE INVALID_CONTENTS OTHER ?? ?? ?? ?? ?? ?? ?? ?? ?? NOTINIT INVALIDPARAM NOTFOUND "
-        "NOTENOUGH XMLINIT FTOK SHMGET SHMAT SHMCTL MAXGRP MAXRSC MAXMON LOADINFO LOADCONF ?? ";
-    std::string all;
-    for (void (*const name)(int, char *) : {makeerrstr_xml, makeerrstr_shmrm}) {
-        for (int code = -1; code <= 16; ++code) {
-            char text[TRACE_ERRSTR_SIZE];
-            name(code, text);
-            all.append(strstr(text, "ERR_") != nullptr ? strstr(text, "ERR_") + 4 : text).append(" ");
-        }
+    start_config("");
+    traceclose();
+    write("log/fip.log", std::string(999'900, '\n'));
+    ASSERT_EQ(fip_log_init(), 0);
+    for (const int level : {TRACE_DEBUG, TRACE_INFO, TRACE_INFO}) { // the two that count end the file
+        EXPECT_FALSE(fs::exists(home / "log/fip.log.1"));
+        trace(level, "src/fip.c", 7, "f", "50 to 100 bytes");
     }
-    EXPECT_EQ(all, expected);
+    EXPECT_TRUE(fs::exists(home / "log/fip.log.1"));
 }
