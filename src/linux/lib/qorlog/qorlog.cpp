@@ -93,8 +93,9 @@ int open_log(const char *path, descriptor *file)
 }
 
 /// Tells whether the file ends in a piece of a line. A line that another process is writing at this moment
-/// can look like one, hence the second look; should that be too early still, an empty line is all that comes
-/// of it.
+/// can look like one, hence the second look, behind a write of nothing: that waits its turn behind the other
+/// one, since the kernel locks the file for a write. The pause is for file systems that skip it (overlayfs);
+/// should it be too short, an empty line is all that comes of it.
 bool ends_torn(int fd)
 {
     off_t torn_size = 0;
@@ -111,6 +112,9 @@ bool ends_torn(int fd)
         torn_size = st.st_size;
         const struct timespec pause = {0, write_time_ns};
         nanosleep(&pause, nullptr);
+        if (write(fd, "", 0) != 0) {
+            return false;
+        }
     }
     return false;
 }
