@@ -1,37 +1,25 @@
-// What the agent's unit tests share: a suite home of their own, and what a call left behind.
+// What the agent's unit tests share: a run's record in a suite home, and what a call left behind.
 #ifndef FIP_FIXTURE_H
 #define FIP_FIXTURE_H
 
 #include "fip.h"
 #include "fip/config.h"
+#include "home_fixture.h"
 #include "text.h"
 #include "tracersc.h"
 
 #include "qorxml.h"
 
 #include <arpa/inet.h>
-#include <filesystem>
-#include <fstream>
 #include <iomanip>
 #include <regex>
 #include <sstream>
-#include <sys/stat.h>
-
-#include <gtest/gtest.h>
-
-namespace fs = std::filesystem;
 
 inline const char *host_name = "node1.example.com"; // null: gethostname fails
 
 extern "C" [[gnu::used]] inline int __wrap_gethostname(char *name, std::size_t size)
 {
     return host_name != nullptr && copy_text(name, size, host_name) ? 0 : -1;
-}
-
-inline std::string read_file(const fs::path &file)
-{
-    std::ifstream in(file);
-    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 // The parts, with a blank between each two.
@@ -73,21 +61,15 @@ inline std::vector<std::vector<std::string>> table(std::string text, const names
     return rows;
 }
 
-class FipTest : public testing::Test
+class FipTest : public HomeTest
 {
 protected:
-    fs::path home;
     FIP_INFO info = {}; // a worker may take a minute: 6000 polls of 10 ms
 
     void SetUp() override
     {
-        umask(022);
-        char name[] = "/tmp/fip.XXXXXX";
-        ASSERT_NE(mkdtemp(name), nullptr);
-        home = name;
-        setenv("QOR_HOME", name, 1); // NOLINT(concurrency-mt-unsafe)
         actflag = ipv6flag = 0;
-        copy_text(inspath, name);
+        copy_text(inspath, home.c_str());
         copy_text(info.rscname, "fip1");
         copy_text(info.addr, "10.0.0.1");
         info.checkstime = 10'000;
@@ -100,15 +82,6 @@ protected:
     {
         traceclose();
         xmllib_term();
-        fs::remove_all(home);
-    }
-
-    // Makes an executable file below the home.
-    void write(const fs::path &relative, const std::string &contents) const
-    {
-        fs::create_directories((home / relative).parent_path());
-        std::ofstream(home / relative) << contents;
-        fs::permissions(home / relative, fs::perms::owner_all);
     }
 
     // Makes a shell script below the home, which it knows as $HERE. Gives its path.

@@ -1,12 +1,11 @@
 #include "qoripc.h"
 
+#include "home_fixture.h"
+
 #include <atomic>
 #include <csignal>
 #include <fcntl.h>
-#include <filesystem>
-#include <fstream>
 #include <functional>
-#include <gtest/gtest.h>
 #include <sched.h>
 #include <set>
 #include <sys/mman.h>
@@ -14,8 +13,6 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-namespace fs = std::filesystem;
 
 namespace
 {
@@ -71,27 +68,21 @@ int attach_anew()
 
 } // namespace
 
-class QorIpc : public testing::Test
+class QorIpc : public HomeTest
 {
 protected:
-    char dir[20] = "/tmp/qoripc.XXXXXX";
-    const fs::path home = mkdtemp(dir), table = home / "run/resource.shm";
+    const fs::path table = home / "run/resource.shm";
     /// Shared with the children that a test starts.
     std::atomic<int> *const shared = static_cast<std::atomic<int> *>(
         mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
 
-    void SetUp() override
-    {
-        setenv("QOR_HOME", dir, 1); // NOLINT(concurrency-mt-unsafe)
-        ASSERT_EQ(shmrm_attach(), 0);
-    }
+    void SetUp() override { ASSERT_EQ(shmrm_attach(), 0); }
     ~QorIpc() override
     {
         shmrm_detach();
         shmnm_detach();
         sem_detach();
         munmap(shared, 4096);
-        fs::remove_all(home);
     }
 };
 

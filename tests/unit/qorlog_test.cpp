@@ -1,24 +1,21 @@
 #include "qorlog.h"
 
+#include "home_fixture.h"
+
 #include <csignal>
 #include <ctime>
 #include <fcntl.h>
-#include <filesystem>
-#include <fstream>
 #include <functional>
-#include <gtest/gtest.h>
 #include <regex>
 #include <set>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
-namespace fs = std::filesystem;
 using Texts = std::vector<std::string>;
 
 namespace
@@ -44,19 +41,13 @@ extern "C" int __wrap_flock(int fd, int operation)
     return __real_flock(fd, operation);
 }
 
-class QorLog : public testing::Test
+class QorLog : public HomeTest
 {
 protected:
-    char dir[20] = "/tmp/qorlog.XXXXXX";
-    const fs::path home = mkdtemp(dir), log = home / "log/fip.log", log1 = home / "log/fip.log.1";
+    const fs::path log = home / "log/fip.log", log1 = home / "log/fip.log.1";
     void *handle = nullptr;
 
-    QorLog() { setenv("QOR_HOME", dir, 1); } // NOLINT(concurrency-mt-unsafe)
-    ~QorLog() override
-    {
-        log_term(handle);
-        fs::remove_all(home);
-    }
+    ~QorLog() override { log_term(handle); }
     int open_log(int level = 8, int size = 0) { return log_init("fip", &handle, level, size, nullptr); }
     int say(const std::string &text) { return log_write(handle, 1, 0, "f", 7, "go", "%s", text.c_str()); }
     /// The TEXT of each line, a line of another form as it is; none for the empty lines that pieces leave.

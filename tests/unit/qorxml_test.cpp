@@ -1,11 +1,8 @@
 #include "qorxml.h"
 
-#include <filesystem>
-#include <fstream>
-#include <sys/stat.h>
-#include <unistd.h>
+#include "home_fixture.h"
 
-#include <gtest/gtest.h>
+#include <unistd.h>
 
 namespace
 {
@@ -18,22 +15,11 @@ void expect_codes(int expected, const std::vector<int> &codes)
     EXPECT_EQ(codes, std::vector<int>(codes.size(), expected));
 }
 
-// The working directory is a suite home of its own for every test, owned by root like the real one.
-struct XmlTest : testing::Test {
-    char home[32] = "/tmp/qorxml.XXXXXX";
+struct XmlTest : HomeTest {
+    XmlTest() { fs::current_path(home); }
+    ~XmlTest() override { xmllib_term(); }
 
-    XmlTest()
-    {
-        xmllib_term(); // what the test before has left
-        umask(022);
-        setenv("QOR_HOME", mkdtemp(home), 1); // NOLINT(concurrency-mt-unsafe)
-        std::filesystem::current_path(home);
-        std::filesystem::create_directories("etc/policy");
-    }
-    ~XmlTest() override { std::filesystem::remove_all(home); }
-
-    static void write(const char *file, const std::string &contents) { std::ofstream(file) << contents; }
-    static void start(const std::string &config)
+    void start(const std::string &config) const
     {
         write("etc/cluster.xml", config);
         expect_codes(0, {xmllib_init("fip"), xmllib_load_config()});
@@ -149,7 +135,10 @@ TEST_F(XmlTest, RefusesFile_ThatIsNotRootsAlone)
     close(next_fd);
     for (const std::string spoil : {"chmod 664 p.xml", "chmod 646 p.xml", "chown 1 p.xml",
                                     "mv p.xml q.xml; ln -s q.xml p.xml", "rm p.xml; mkfifo -m 600 p.xml"}) {
-        ASSERT_EQ(system(("cd etc/policy; rm -f *; echo '<r/>' >p.xml; " + spoil).c_str()), 0); // NOLINT
+        ASSERT_EQ(
+            system(
+                ("mkdir -p etc/policy && cd etc/policy && rm -f * && echo '<r/>' >p.xml; " + spoil).c_str()),
+            0); // NOLINT
         void *handle = &handle;
         expect_codes(7, {xmllib_load_policy("p"), xmllib_load_pathconfig("etc/policy/p.xml", &handle)});
         EXPECT_EQ(handle, nullptr) << spoil;

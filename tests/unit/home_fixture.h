@@ -1,0 +1,43 @@
+// A suite home of its own for every test, owned by root like the real one.
+#ifndef HOME_FIXTURE_H
+#define HOME_FIXTURE_H
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+
+namespace fs = std::filesystem;
+
+inline std::string read_file(const fs::path &file)
+{
+    std::ifstream in(file);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+class HomeTest : public testing::Test
+{
+    char dir[20] = "/tmp/qortest.XXXXXX";
+
+protected:
+    const fs::path home = mkdtemp(dir);
+
+    HomeTest()
+    {
+        umask(022);
+        setenv("QOR_HOME", dir, 1); // NOLINT(concurrency-mt-unsafe)
+    }
+    ~HomeTest() override { fs::remove_all(home); }
+
+    // Makes an executable file below the home.
+    void write(const fs::path &relative, const std::string &contents) const
+    {
+        fs::create_directories((home / relative).parent_path());
+        std::ofstream(home / relative) << contents;
+        fs::permissions(home / relative, fs::perms::owner_all);
+    }
+};
+
+#endif
