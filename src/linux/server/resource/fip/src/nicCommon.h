@@ -43,9 +43,8 @@ struct ipaddrinfo {
 
 /// The device that carries, or is to carry, the floating address.
 struct vdevinfo {
-    char ifname[32]; ///< the configured interface as configured, else the chosen base name
-    char
-        vdevname[32]; ///< the name that the address is configured under; empty for IPv6 on a listed interface
+    char ifname[32];   ///< the configured interface as configured, else the chosen base name
+    char vdevname[32]; ///< the name that the address is configured under; empty for IPv6 on a listed one
     struct nipel nipel;
     struct nipel6 nipel6;
     struct sipel sipel;

@@ -43,9 +43,8 @@ using worker_entry = void *(*)(void *arg);
 /// @param arg       the argument block. The worker keeps a share of it, so that a worker that cannot be
 ///                  stopped never writes into memory that is gone.
 /// @param endflag   cleared here, set by the worker; must outlive it, so it is a global
-/// @param join_ret  receives the result of joining a worker that ended in time (ETIMEDOUT: it was left
-/// behind);
-///                  may be null
+/// @param join_ret  receives the result of joining a worker that ended in time (ETIMEDOUT: it was
+///                  left behind); may be null
 [[nodiscard]] worker_result worker_run(const worker_texts &texts, const worker_limits &limits,
                                        worker_entry entry, const std::shared_ptr<void> &arg,
                                        std::atomic<int> *endflag, int *join_ret);
