@@ -69,6 +69,9 @@ TEST_F(InventoryTest, ReadsOlderLayout)
         {false, "eth0" + pad + "inet addr:1.2.3.4\neth1\n", "0; eth0   0  ; eth1   0  "},
         {false, "eth0" + pad.substr(0, 1000) + " inet addr:192.168.0.10\neth1\n",
          "0; eth0   0  ; eth1   0  "},
+        {false, "eth0" + pad.substr(0, 997) + "inet addr:192.168.0.10\n", "0; eth0 192.168.0.10  0  "},
+        {false, "eth0" + pad.substr(0, 1002) + " HWaddr 1:2:3:4:5:6\n inet addr:1.2.3.4\n",
+         "0; eth0 1.2.3.4  0  "},
         {false, std::string("e inet\0 addr:1.2.3.4\n inet addr:5.6.7.8\n\0\0\n", 42), "0; e 5.6.7.8  0  "},
     };
     for (const auto &[v6, output, expected] : cases) {

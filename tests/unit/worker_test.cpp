@@ -143,7 +143,7 @@ TEST_F(WorkerTest, EndsCommandAtItsLimit_WithAllItStarted)
     while (const std::size_t len = command_read_line(&lines, text, sizeof(text), &cut)) {
         pieces.append(text, len).append(cut ? "~" : "|");
     }
-    EXPECT_EQ(pieces, std::string("ab\n|\n|abcde~abcde~\0x\n|end|", 26));
+    EXPECT_EQ(pieces, std::string("ab\n|\n|abcde|abcde~\0x\n|end|", 26));
 }
 
 TEST_F(WorkerTest, QuotesForShell)

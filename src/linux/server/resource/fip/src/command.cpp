@@ -183,7 +183,7 @@ std::size_t command_read_line(command *cmd, char *line, std::size_t size, bool *
         if (len < size - 1) {
             line[len++] = c;
         } else {
-            over = true;
+            over = over || c != '\n';
         }
     }
     line[len] = '\0';

@@ -174,6 +174,7 @@ int read_output(command *cmd, inventory_reader *reader)
         if (ret != FIP_SUCCESS) {
             return ret;
         }
+        reader->hwaddr_next = reader->hwaddr_next && !cut; // what was cut off is not in the next line
     }
     return FIP_SUCCESS;
 }
