@@ -11,6 +11,8 @@ common_targets() {
     goes 192.0.2.10/24%veth:7 0 'veth:7|Success.' "${alias0/veth:0/veth:7}"
     goes 192.0.2.10/25 0 'veth:0|Success.' 'veth inet 192.0.2.10/25 brd 192.0.2.127 scope global veth:0'
     goes 198.51.100.7/24 17 '|Fip interface was not found.'
+    goes 192.0.2.10/16 17 '|Fip interface was not found.'
+    goes 2001:db8:9::1 17 '|Fip interface was not found.'
     goes 198.51.100.7%veth 0 'veth:0|Success.' "veth $inet198 veth:0"
     goes 192.0.2.1/24 15 '|This ip address was already used.  IP=192.0.2.1'
     goes 2001:db8::1/64 15 '|This ip address was already used.  IP=2001:db8::1'
@@ -20,6 +22,10 @@ common_targets() {
     ip -n "$here" address add 192.0.2.8/24 dev veth label veth:2
     goes 192.0.2.10/24 0 'veth:1|Success.' "${alias0/veth:0/veth:1}"
     goes 192.0.2.10/24%veth:2 28 '|Success.'
+    ip -n "$here" link set bare name a2345678901234
+    ip -n "$here" address add 203.0.113.1/24 dev a2345678901234
+    goes 203.0.113.7/24 30 '|Success.'
+    ip -n "$here" link delete a2345678901234
 }
 
 @test "by ioctl, as without ifconfig: addresses go where they belong and leave nothing behind" {
@@ -51,11 +57,13 @@ common_targets() {
     goes '192.0.2.10/24 <ifconfig><use>1</use></ifconfig>' 0 'veth:1|Success.' "${alias0/veth:0/veth:1}"
     [ "$(sort -u used | xargs)" = down ]
     goes "192.0.2.10/24%\$(>made)" 3 '|Internal error. (status=3)'
+    goes '2001:db8::10%a;>made' 3 '|Internal error. (status=3)'
     goes '192.0.2.10/24%a;>made' 3 '|Internal error. (status=3)'
     [ ! -e made ]
     own_ifconfig <<<'exit 0'
     goes 192.0.2.10/24 14 '|IP address did not exist.'
     deactivate 14
+    filed 'g1|fip|fip1||IP address did not exist.'
 }
 
 @test "neighbours are told, byte for byte, and learn the hardware address" {

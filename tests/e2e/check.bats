@@ -37,6 +37,7 @@ arp_finding="E [004] Value of ARP Send Count $range=1000)"
 	10.0.0.1/33 [008] Subnet mask is invalid.
 	10.0.0.1%eth0/24 [005] Format of FIP address is invalid.
 	10.0.0.1/24%eth0:x [007] NIC alias is invalid.
+	fe80::g [006] IP address is invalid.
 	EOT
     judge "$(body 'fd00::5/64%eth0')" "$passed"
     judge "$(body 10.0.0.1 "$arp1000<check><ping><execute>-1</execute></ping></check>")" "$arp_finding" \
@@ -64,6 +65,9 @@ arp_finding="E [004] Value of ARP Send Count $range=1000)"
 
 @test "arguments, names and check logs that are no good" {
     judge "$good" "$passed"
+    rm "$report"
+    fip 1 --test
+    written '' 'E [002] Invalid argument.'
     rm "$report"
     fip 1 --test r1 extra
     written '' 'E [002] Invalid argument.'

@@ -41,7 +41,7 @@ source "$BATS_TEST_DIRNAME/fip_helper.bash"
 	0|g1|fip1|Success.|8|trusted mode|--add -r fip1 -g g1 -i bare -a 192.0.2.10%veth:0
 	4|||Success.|2|$bad (argv[i] : -x)|--add -i veth -x
 	4|g1|fip1|Success.|4|return(ret=4)|--del -r fip1 -g g1
-	0|||Success.|4|fip_send_arp() OK.|--add -a 192.0.2.10
+	0|||Success.|4|mac : 02:00:00:00:00:01|--add -a 192.0.2.10
 	9|g;1|%s%n|Internal error. (status=9)|4|active   rsc:%s%n, grp:g;1|--active -r %s%n -g 'g;1'
 	9|g1|x']/*|Internal error. (status=9)|4|active   rsc:x']/*, grp:g1|--active -r "x']/*" -g g1
 	9|g1|\$(>made)|Internal error. (status=9)|4|active   rsc:\$(>made), grp:g1|--active -r '\$(>made)' -g g1

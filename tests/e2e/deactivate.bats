@@ -20,8 +20,9 @@ check() { echo "<$1><execute>1</execute><retry>$2</retry><interval>0</interval><
     done <<-EOT
 	newer 192.0.2.10/24%veth:3  192.0.2.10/24 dev veth label veth:77
 	newer 192.0.2.10/24%veth    192.0.2.10/25 dev bare label bare:0
-	older 192.0.2.10            192.0.2.10/24 dev veth label veth:x
+	older 192.0.2.10            192.0.2.10/24 dev veth label veth:>x
 	older 2001:db8::10/64%veth  2001:db8::10/48 dev bare
+	newer 2001:db8::10/64%veth  2001:db8::10/48 dev bare
 	newer 2001:db8:0::10        2001:db8::10/64 dev veth
 	newer 203.0.113.1%nosuch:1
 	older 192.0.2.10%bare
@@ -64,6 +65,7 @@ check() { echo "<$1><execute>1</execute><retry>$2</retry><interval>0</interval><
 	0  0 4 1 0 Success. :
 	24 0 4 0 1 Internal_error._(status=24) :
 	0  0 3 1 1 Success. [ \$n -lt 3 ] || busybox ifconfig veth:0 down 2>/dev/null
+	0  0 3 1 1 Success. [ \$n -lt 3 ] || exit 0
 	3  0 3 0 0 Command_failed._($PWD/tools/own_-a,_ret=5) [ \$n -lt 3 ] || exit 5
 	EOT
 }
@@ -82,6 +84,7 @@ check() { echo "<$1><execute>1</execute><retry>$2</retry><interval>0</interval><
 	0  1 1 Success. exit 1
 	0  1 2 IP_address_was_already_used. [ \$(wc -l <pings) -lt 2 ]
 	0  0 3 Internal_error._(status=11) kill -9 \$\$
+	0  0 3 Internal_error._(status=2) exit 3
 	0  0 3 IP_address_was_already_used. exit 0
 	25 1 3 Internal_error._(status=25) exec $QOR_BIN/qorping "\$@"
 	EOT

@@ -21,6 +21,8 @@ source "$BATS_TEST_DIRNAME/fip_helper.bash"
 	8||echo "<root" >policy/fip.xml
 	8|Internal error. (status=8)|rm policy/all.xml
 	9|Internal error. (status=9)|sed -i s,fip1,fip9, cluster.xml
+	31|Success.|sed -i s,/24,/33, cluster.xml
+	32|Internal error. (status=32)|sed -i /path/d policy/all.xml
 	EOT
 }
 
@@ -45,6 +47,7 @@ source "$BATS_TEST_DIRNAME/fip_helper.bash"
 	0  rm run/node.shm; mkdir run/node.shm
 	0  rm -f run/ifconfig.lock; mkdir run/ifconfig.lock
 	99 rm -r run; touch run
+	99 chmod g+w run/resource.shm
 	99 rm run/resource.shm; mkfifo run/resource.shm
 	99 rm run/resource.shm; ln -s $PWD/victim run/resource.shm
 	99 printf '\0\4' | dd of=run/resource.shm bs=1 seek=16 conv=notrunc status=none # the table's count: full
@@ -62,12 +65,13 @@ source "$BATS_TEST_DIRNAME/fip_helper.bash"
 
 @test "few descriptors, closed ones, ignored signals: what is reported is what is there" {
     layout older
-    for setting in 'ulimit -n '{4..14} "trap '' CHLD PIPE; exec <&- >&- 2>&-"; do
+    for setting in 'ulimit -n '{4..14} 'set -- env --ignore-signal=CHLD,PIPE "$@"; exec <&- >&- 2>&-'; do
         code=0
         # shellcheck disable=SC2031
         timeout 60 "${agent[@]:0:4}" sh -c "$setting; exec \"\$@\"" sh "${agent[@]:4}" \
             --active -r fip1 -g g1 2>/dev/null || code=$?
         carries "$([ "$code" -ne 0 ] || echo "$alias0")"
+        [[ $setting == ulimit* ]] || grep -F ' up > /dev/null 2>&1 succeeded.' "$trace"
         deactivate 0
         carries ''
     done

@@ -4,7 +4,7 @@ source "$BATS_TEST_DIRNAME/fip_helper.bash"
 
 in_use='address 192.0.2.10 is in use by another host'
 forced='address 192.0.2.10 was activated by force although the duplicate-address check failed'
-ping='<ping><timeout>1</timeout></ping>'
+ping='<ping><timeout>1</timeout><retry>1</retry></ping>'
 force='<ping><timeout>1</timeout><force>1</force></ping>'
 
 @test "another host answers: refused, unless it is forced; nobody does: the address goes up" {
@@ -14,6 +14,8 @@ force='<ping><timeout>1</timeout><force>1</force></ping>'
     traced 1 '192.0.2.10 is already exist.(macaddr : 02:00:00:00:00:02)'
     traced 32768 "$in_use"
     goes "2001:db8::10 $ping" 15 '|IP address was already used.'
+    shared='<arp><path>false</path></arp>' goes "192.0.2.10/24 $ping" 15 '|IP address was already used.'
+    traced 1 '192.0.2.10 is already exist. (ret=3)'
     cluster "fip1 192.0.2.10/24 $force"
     activate 0
     filed "$state0"
@@ -27,6 +29,7 @@ force='<ping><timeout>1</timeout><force>1</force></ping>'
     # Without a tool nothing is known.
     rm "$QOR_HOME/bin/qorping"
     goes "192.0.2.10/24 $ping" 13 '|Internal error. (status=13)'
+    traced 4 'ping(192.0.2.10) retry start, count=1.'
     cluster "fip1 192.0.2.10/24 $force"
     activate 0
     traced 32768 "$forced"
@@ -54,9 +57,10 @@ force='<ping><timeout>1</timeout><force>1</force></ping>'
         goes "192.0.2.10/24 $mii" 0 'veth:0|Success.' "$alias0"
         goes "2001:db8::10 $mii" 0 'veth|Success.' 'veth inet6 2001:db8::10/64 scope global'
         goes "192.0.2.10 $mii<defmethod>3</defmethod>" 36 '|Failed to get NIC status.'
+        goes "192.0.2.10 $mii<defmethod>1</defmethod>" 99 '|Internal error. (status=99)'
         ip -n "$there" link set veth down
         goes "192.0.2.10/24 $mii" 35 '|Detected NIC Link Down.'
-        goes "2001:db8::10 $mii" 35 '|Detected NIC Link Down.'
+        goes "2001:db8::10 ${mii/1/2}" 35 '|Detected NIC Link Down.'
         goes '192.0.2.10/24 <defmethod>2</defmethod>' 0 'veth:0|Success.' "$alias0"
     done
 }
@@ -77,7 +81,12 @@ without_routes() { ! routes | grep -F "$1" || fail "a route still names $1"; }
 }
 
 @test "one address at a time is the source of an interface" {
-    cluster "fip1 192.0.2.10/24 $srcip" "fip2 192.0.2.20/24%veth:5 $srcip"
+    ip -n "$here" address add 198.51.100.1/24 dev bare
+    cluster "fip1 192.0.2.10/24 $srcip" "fip2 192.0.2.20/24%veth:5 $srcip" 'fip3 192.0.2.30/24' \
+        "fip4 198.51.100.40/24 $srcip" "fip6 2001:db8::10 $srcip"
+    # Those without, of another interface, or of IPv6, are in nobody's way.
+    for other in fip3 fip4 fip6; do activate 0 $other; done
+    without_routes default
     activate 0
     activate 15 fip2
     traced 1 '192.0.2.10 has already been attached to veth.'
