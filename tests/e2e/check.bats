@@ -71,10 +71,11 @@ arp_finding="E [004] Value of ARP Send Count $range=1000)"
     rm "$report"
     fip 1 --test r1 extra
     written '' 'E [002] Invalid argument.'
-    for name in "'" '"]/..' '%s%s%n' '../../x' $'\xff\xfe' ''; do
+    for name in "'" '"]..' '%s%s%n' $'\xff\xfe' '' '../x' 'r1/server@s1'; do
         rm "$report"
         fip 1 --test "$name"
-        sed -n 2p "$report" | grep -xF 'E [097] Path of Comment does not exist.'
+        [[ $name == */* ]] && finding='E [002] Invalid argument.' || finding='E [097] Path of Comment does not exist.'
+        sed -n 2p "$report" | grep -xF "$finding"
     done
     # A log that cannot be written: the whole block goes to the trace log.
     mknod home/full c 1 7

@@ -17,6 +17,31 @@ extern char **environ;
 namespace
 {
 
+/// Whom this thread tells of its commands.
+thread_local running_command *observed = nullptr;
+
+/// Tells of the command that runs from now on, -1 for none.
+void tell_observer(pid_t pid)
+{
+    if (observed != nullptr) {
+        const std::lock_guard<std::mutex> lock(observed->mutex);
+        observed->pid = pid;
+    }
+}
+
+/// Reaps a process that has ended, never waiting. From then on its number may be another's: nobody must take
+/// it for ours.
+pid_t reap(pid_t pid, int *status)
+{
+    const nocancel guard;
+    std::unique_lock<std::mutex> lock;
+    if (observed != nullptr) {
+        lock = std::unique_lock<std::mutex>(observed->mutex);
+        observed->pid = -1;
+    }
+    return waitpid(pid, status, WNOHANG);
+}
+
 long long now_ms()
 {
     timespec now = {};
@@ -101,10 +126,7 @@ struct spawn_setup {
         sigset_t none;
         sigemptyset(&none);
         sigset_t defaults;
-        sigemptyset(&defaults);
-        for (const int sig : {SIGINT, SIGQUIT, SIGPIPE, SIGCHLD, SIGTERM}) {
-            sigaddset(&defaults, sig);
-        }
+        sigfillset(&defaults);
         posix_spawnattr_setsigmask(&attr, &none);
         posix_spawnattr_setsigdefault(&attr, &defaults);
         posix_spawnattr_setpgroup(&attr, 0);
@@ -138,6 +160,7 @@ int start(command *cmd, const char *line, long limit_ms, const spawn_setup &setu
         return -1;
     }
     cmd->pid = pid;
+    tell_observer(pid);
     cmd->deadline = limit_ms > 0 ? now_ms() + limit_ms : 0;
     return 0;
 }
@@ -150,12 +173,30 @@ bool is_plain(char c)
 
 } // namespace
 
+void running_command::end()
+{
+    const std::lock_guard<std::mutex> lock(mutex);
+    if (pid > 0) {
+        kill(-pid, SIGKILL);
+    }
+}
+
+command_observer::command_observer(running_command *slot)
+{
+    observed = slot;
+}
+
+command_observer::~command_observer()
+{
+    observed = nullptr;
+}
+
 command::~command()
 {
     if (pid > 0) {
         const nocancel guard;
         kill_group(*this);
-        waitpid(pid, nullptr, WNOHANG);
+        reap(pid, nullptr);
     }
 }
 
@@ -201,13 +242,18 @@ int command_close(command *cmd)
         return -1;
     }
     await_end(cmd);
-    int status = 0;
-    pid_t ret = -1;
+    siginfo_t end = {};
+    int ret = 0;
     do {
-        ret = waitpid(cmd->pid, &status, 0);
-    } while (ret < 0 && errno == EINTR);
+        ret = waitid(P_PID, static_cast<id_t>(cmd->pid), &end, WEXITED | WNOWAIT);
+    } while (ret != 0 && errno == EINTR);
+    if (ret != 0 && errno != ECHILD) {
+        return -1; // it may still run: whoever drops it ends it
+    }
+    int status = 0;
+    const pid_t reaped = reap(cmd->pid, &status);
     cmd->pid = -1;
-    return ret < 0 ? -1 : status;
+    return reaped > 0 ? status : -1;
 }
 
 int command_run(const char *line, long limit_ms)

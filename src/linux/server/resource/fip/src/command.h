@@ -8,6 +8,7 @@
 #include "unique_fd.h"
 
 #include <cstddef>
+#include <mutex>
 #include <string>
 #include <sys/types.h>
 
@@ -24,6 +25,23 @@ struct command {
     std::size_t have = 0;   ///< bytes in buf not handed out yet
     std::size_t from = 0;   ///< where they start
     char buf[4096];
+};
+
+/// The command that a thread runs at the moment, for another thread that must end it.
+struct running_command {
+    /// Ends the command and everything that it started; nothing when none runs.
+    void end();
+
+    std::mutex mutex; ///< held while `pid` is made known, and while its process is reaped
+    pid_t pid = -1;
+};
+
+/// Keeps `slot` informed of the commands that the calling thread runs, for the length of a scope.
+struct command_observer {
+    explicit command_observer(running_command *slot);
+    ~command_observer();
+    command_observer(const command_observer &) = delete;
+    command_observer &operator=(const command_observer &) = delete;
 };
 
 /// No limit on a command's time: the caller bounds it in another way.

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <mutex>
 
@@ -60,6 +61,8 @@ int fip_run_bounded(const worker_texts &texts, const FIP_INFO &info, worker_entr
         return fip_internal_error(FIP_ERR_THREAD);
     case WORKER_LATE:
         return fip_internal_error(FIP_ERR_TIMEOUT);
+    case WORKER_NO_MEMORY:
+        return fip_internal_error(FIP_ERR_MEMORY);
     case WORKER_IN_TIME:
         break;
     }
@@ -78,6 +81,11 @@ bool fip_parse_host(const char *text, in_addr *addr, in6_addr *addr6)
 {
     return fip_parse_addr(text, addr, addr6) &&
            (ipv6flag != 0 ? !IN6_IS_ADDR_UNSPECIFIED(addr6) : addr->s_addr != INADDR_ANY);
+}
+
+bool fip_is_resource_name(const char *text)
+{
+    return strchr(text, '/') == nullptr;
 }
 
 void fip_pause(int seconds)

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <netinet/in.h>
+#include <new>
 #include <pthread.h>
 
 /// Bytes of the result message, of an address argument, and of a path or command line; all with terminator.
@@ -158,8 +159,21 @@ void fip_set_message(const char *fmt, ...) __attribute__((format(printf, 1, 2)))
 /// @return code
 int fip_internal_error(int code);
 
+/// Runs `job`, which returns a status, and turns a failed allocation into one. A handler for every exception
+/// would stop the cancellation of a worker, which unwinds like one.
+/// @return the job's status; FIP_ERR_MEMORY, with a result message
+template <class Job>
+[[nodiscard]] int fip_bound_memory(Job job)
+{
+    try {
+        return job();
+    } catch (const std::bad_alloc &) {
+        return fip_internal_error(FIP_ERR_MEMORY);
+    }
+}
+
 /// Runs a worker that waits for a command, within the resource's time-out.
-/// @return 0 when it ended in time; FIP_ERR_THREAD or FIP_ERR_TIMEOUT, with a result message
+/// @return 0 when it ended in time; FIP_ERR_THREAD, FIP_ERR_TIMEOUT or FIP_ERR_MEMORY, with a result message
 [[nodiscard]] int fip_run_bounded(const worker_texts &texts, const FIP_INFO &info, worker_entry entry,
                                   const std::shared_ptr<void> &block, std::atomic<int> *endflag);
 
@@ -170,6 +184,9 @@ int fip_internal_error(int code);
 /// The same for the address of a host. The unspecified address is none: it equals the empty field of every
 /// inventory row that has no address of this family.
 [[nodiscard]] bool fip_parse_host(const char *text, in_addr *addr, in6_addr *addr6);
+
+/// Whether a text can be a resource's name: with a '/' it would lead a configuration path to another element.
+[[nodiscard]] bool fip_is_resource_name(const char *text);
 
 /// Sleeps whole seconds; a negative number is none.
 void fip_pause(int seconds);

@@ -255,6 +255,8 @@ int nic_chk_isifconfig(int *pIsIfconfig, int ifconfuse, int ifconfout)
         return NIC_ERR_THREAD;
     case WORKER_LATE:
         return NIC_ERR_TIMEOUT;
+    case WORKER_NO_MEMORY:
+        return NIC_ERR_MEMORY;
     case WORKER_IN_TIME:
         break;
     }

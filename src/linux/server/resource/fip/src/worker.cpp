@@ -1,5 +1,6 @@
 #include "worker.h"
 
+#include "command.h"
 #include "nocancel.h"
 #include "tracersc.h"
 
@@ -7,6 +8,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <ctime>
+#include <new>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -68,19 +70,33 @@ struct end_signal {
     bool ended = false;
 };
 
+/// What the worker's thread shares with its caller, whichever of them goes first.
+struct worker_link {
+    end_signal signal;
+    running_command command;
+    std::atomic<bool> no_memory = false;
+};
+
 /// What the worker's thread owns.
 struct worker_share {
     worker_entry entry;
     std::shared_ptr<void> arg;
-    std::shared_ptr<end_signal> signal;
+    std::atomic<int> *endflag;
+    std::shared_ptr<worker_link> link;
 };
 
 void *thread_entry(void *parg)
 {
     const std::unique_ptr<worker_share> share(static_cast<worker_share *>(parg));
-    void *result = share->entry(share->arg.get());
-    share->signal->raise();
-    return result;
+    const command_observer observer(&share->link->command);
+    try {
+        share->entry(share->arg.get());
+    } catch (const std::bad_alloc &) { // no other: cancellation unwinds like an exception
+        share->link->no_memory = true;
+        *share->endflag = 1;
+    }
+    share->link->signal.raise();
+    return nullptr;
 }
 
 /// Naps between looks, which start short: pthread_clockjoin_np would do it in one call, but ThreadSanitizer
@@ -112,18 +128,25 @@ struct worker_trace {
     }
 };
 
+/// A started worker.
+struct worker_thread {
+    pthread_t thread = {};
+    std::shared_ptr<worker_link> link;
+};
+
 /// Gives up a worker that cannot be stopped.
-void leave_behind(pthread_t thread)
+void leave_behind(const worker_thread &worker)
 {
     left_behind = true;
-    pthread_detach(thread);
+    worker.link->command.end();
+    pthread_detach(worker.thread);
 }
 
-int join_worker(const worker_trace &lines, pthread_t thread)
+int join_worker(const worker_trace &lines, const worker_thread &worker)
 {
-    const int ret = join_bounded(thread);
+    const int ret = join_bounded(worker.thread);
     if (ret == ETIMEDOUT) {
-        leave_behind(thread);
+        leave_behind(worker);
     }
     if (ret != 0) {
         lines.failed(TRACE_WARNING, "pthread_join", lines.texts.worker, ret);
@@ -133,17 +156,17 @@ int join_worker(const worker_trace &lines, pthread_t thread)
     return ret;
 }
 
-void cancel_worker(const worker_trace &lines, pthread_t thread)
+void cancel_worker(const worker_trace &lines, const worker_thread &worker)
 {
     const worker_texts &texts = lines.texts;
     trace(TRACE_ERROR, texts.pname, __LINE__, texts.pfunc, "%s", texts.timeout);
-    const int ret = pthread_cancel(thread);
+    const int ret = pthread_cancel(worker.thread);
     if (ret != 0) {
         lines.failed(TRACE_ERROR, "pthread_cancel", texts.worker, ret);
-        leave_behind(thread);
+        leave_behind(worker);
         return;
     }
-    const int join_ret = join_worker(lines, thread);
+    const int join_ret = join_worker(lines, worker);
     if (texts.always_returned) {
         trace(TRACE_DEBUG, texts.pname, __LINE__, texts.pfunc, "pthread_join(%s) successed.", texts.worker);
     }
@@ -164,12 +187,11 @@ worker_result worker_run(const worker_texts &texts, const worker_limits &limits,
                          const std::shared_ptr<void> &arg, std::atomic<int> *endflag, int *join_ret)
 {
     const worker_trace lines{texts};
-    const auto signal = std::make_shared<end_signal>();
-    auto share = std::make_unique<worker_share>(worker_share{entry, arg, signal});
+    worker_thread worker{{}, std::make_shared<worker_link>()};
+    auto share = std::make_unique<worker_share>(worker_share{entry, arg, endflag, worker.link});
     *endflag = 0;
 
-    pthread_t thread = {};
-    const int ret = pthread_create(&thread, nullptr, thread_entry, share.get());
+    const int ret = pthread_create(&worker.thread, nullptr, thread_entry, share.get());
     if (ret != 0) {
         lines.failed(TRACE_ERROR, "pthread_create", texts.create_failed, ret);
         return WORKER_NOT_STARTED;
@@ -179,15 +201,15 @@ worker_result worker_run(const worker_texts &texts, const worker_limits &limits,
 
     std::int64_t poll = 0;
     for (; poll < limits.polls && *endflag == 0; ++poll) {
-        signal->wait(limits.period_us);
+        worker.link->signal.wait(limits.period_us);
     }
     if (poll >= limits.polls) {
-        cancel_worker(lines, thread);
+        cancel_worker(lines, worker);
         return WORKER_LATE;
     }
-    const int joined = join_worker(lines, thread);
+    const int joined = join_worker(lines, worker);
     if (join_ret != nullptr) {
         *join_ret = joined;
     }
-    return WORKER_IN_TIME;
+    return worker.link->no_memory ? WORKER_NO_MEMORY : WORKER_IN_TIME;
 }

@@ -2,7 +2,8 @@
 ///
 /// The caller polls the worker's end flag and cancels a worker that is late. Cancellation is deferred: the
 /// job stops at its next cancellation point, normally while it waits for an outside command, and C++ unwinds
-/// its frames. So a job must not pass through noexcept or catch (...), and no destructor in it may wait.
+/// its frames. So a job must not pass through noexcept or catch (...), and no destructor in it may wait. A
+/// job that runs out of memory (std::bad_alloc) ends like one that is done, and its results are not read.
 #ifndef WORKER_H
 #define WORKER_H
 
@@ -31,14 +32,15 @@ struct worker_limits {
 enum worker_result {
     WORKER_IN_TIME = 0,
     WORKER_NOT_STARTED = 1,
-    WORKER_LATE = 2 ///< cancelled, or left behind when even that failed; its results must not be read
+    WORKER_LATE = 2,     ///< cancelled, or left behind when even that failed; its results must not be read
+    WORKER_NO_MEMORY = 3 ///< it ran out of memory; its results must not be read
 };
 
 /// A worker's entry. It sets its end flag as its last action.
 using worker_entry = void *(*)(void *arg);
 
 /// Runs `entry` with arg.get() in a thread and waits for it within the limits, then for the thread's end, 5 s
-/// at the most.
+/// at the most. The command that a worker which cannot be stopped waits for is ended all the same.
 ///
 /// @param arg       the argument block. The worker keeps a share of it, so that a worker that cannot be
 ///                  stopped never writes into memory that is gone.

@@ -28,15 +28,8 @@ struct activation {
     inventory_rows rows;
     int rownum = 0;
     vdevinfo target = {};
-    bool undo = false;    ///< the address must be removed again
-    bool log_mac = false; ///< the announcement found the hardware address
+    unique_fd link_socket = unique_fd(); ///< what the link is asked through
 };
-
-/// The name that the address stands under.
-const char *device_name(const vdevinfo &target)
-{
-    return target.vdevname[0] != '\0' ? target.vdevname : target.ifname;
-}
 
 /// Source routing applies: configured, and an IPv4 address.
 bool uses_source_routing(const FIP_INFO &info)
@@ -183,20 +176,26 @@ int judge_link(int result)
     }
 }
 
+int open_link_socket(activation *act)
+{
+    if (act->info->isMiiw == 0) {
+        return FIP_SUCCESS;
+    }
+    act->link_socket.reset(socket(ipv6flag != 0 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (act->link_socket.fd < 0) {
+        TRACE_AS(self, TRACE_ERROR, "create socket for NIC link check failed.");
+        return fip_internal_error(FIP_ERR_SOCKET);
+    }
+    return FIP_SUCCESS;
+}
+
 int check_link(activation *act)
 {
     if (act->info->isMiiw == 0) {
         return FIP_SUCCESS;
     }
-    const unique_fd sock(socket(ipv6flag != 0 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (sock.fd < 0) {
-        // Nothing is known about the link: the address stays.
-        TRACE_AS(self, TRACE_ERROR, "create socket for NIC link check failed.");
-        return fip_internal_error(FIP_ERR_SOCKET);
-    }
-    const int ret = judge_link(fip_miiw_ioctl(&sock.fd, device_name(act->target), act->info->miiw_method));
-    act->undo = ret != FIP_SUCCESS;
-    return ret;
+    return judge_link(
+        fip_miiw_ioctl(&act->link_socket.fd, nic_device_name(act->target), act->info->miiw_method));
 }
 
 int set_source(activation *act)
@@ -207,7 +206,6 @@ int set_source(activation *act)
     const int ret = fip_srcip_set(&act->target);
     if (ret != FIP_SUCCESS) {
         TRACE_AS(self, TRACE_ERROR, "fip_srcip_set() failed. (ret=%d)", ret);
-        act->undo = true;
         return FIP_ERR_INTERNAL;
     }
     return FIP_SUCCESS;
@@ -217,16 +215,14 @@ int set_source(activation *act)
 int file_device(activation *act)
 {
     char device[SHMRM_FREE_SIZE];
-    copy_text(device, device_name(act->target));
+    copy_text(device, nic_device_name(act->target));
     if (device[0] == '\0') {
         TRACE_AS(self, TRACE_ERROR, "write ifname to shmbuf failed, ifname is null.");
-        act->undo = true;
         return FIP_ERR_NODEV;
     }
     const int ret = shmrm_setrscfree(nullptr, "fip", act->info->rscname, device, sizeof(device));
     if (ret != 0) {
         TRACE_AS(self, TRACE_ERROR, "shmrm_setrscfree() failed. (ret=%d)", ret);
-        act->undo = true;
         return FIP_ERR_INTERNAL;
     }
     TRACE_AS(self, TRACE_DEBUG, "write %s to shmbuf success.", device);
@@ -239,43 +235,30 @@ int announce(activation *act)
     if (act->info->arpnum == 0 || ipv6flag != 0) {
         return FIP_SUCCESS;
     }
-    const int ret = fip_send_arp(&act->target, act->info->arpnum, act->info->arpopcode);
+    const FIP_INFO &info = *act->info;
+    const int ret =
+        fip_bound_memory([act, &info] { return fip_send_arp(&act->target, info.arpnum, info.arpopcode); });
     if (ret == FIP_SUCCESS) {
         TRACE_AS(self, TRACE_INFO, "fip_send_arp() OK.");
     } else {
         TRACE_AS(self, TRACE_WARNING, "fip_send_arp() failed. (ret=%d)", ret);
     }
-    act->log_mac = ret != FIP_ERR_IFLIST && ret != FIP_ERR_NODEV;
-    return FIP_SUCCESS;
-}
-
-/// The sequence behind the duplicate-address check, in order. The first step that fails ends it.
-int run_steps(activation *act)
-{
-    using step = int (*)(activation *);
-    static constexpr step steps[] = {
-        take_inventory, fill_target, refuse_present, choose_device, check_source,
-        add_address,    check_link,  set_source,     file_device,   announce,
-    };
-    for (const step run : steps) {
-        const int ret = run(act);
-        if (ret != FIP_SUCCESS) {
-            return ret;
-        }
+    if (ret != FIP_ERR_IFLIST && ret != FIP_ERR_NODEV) { // the hardware address was found
+        TRACE_AS(self, TRACE_INFO, "mac : %s", act->target.smac);
     }
     return FIP_SUCCESS;
 }
 
-/// Takes the address off again. The activation's own result stands; when the address cannot be removed, the
-/// result message tells of that, since the operator has to act on it.
+/// Takes the address off again. When it cannot be removed, the result message tells of that in place of the
+/// first failure, since the operator has to act on it.
 void undo_address(activation *act)
 {
     FIP_INFO *info = act->info;
-    copy_text(info->ifname, device_name(act->target));
+    copy_text(info->ifname, nic_device_name(act->target));
     if (ipv6flag != 0 && info->masklen == 0) {
         info->masklen = act->target.sipel.masklen;
     }
-    const int ret = fip_deact_ipaddr(&act->target, info);
+    const int ret = fip_bound_memory([act, info] { return fip_deact_ipaddr(&act->target, info); });
     if (ret != FIP_SUCCESS) {
         TRACE_AS(self, TRACE_DEBUG,
                  "NIC link down or write shm failed, fip_deact_ipaddr(%s) failed. (ret=%d).", info->ifname,
@@ -285,19 +268,55 @@ void undo_address(activation *act)
     }
 }
 
+/// One step of the sequence.
+struct step {
+    int (*run)(activation *);
+    void (*undo)(activation *) = nullptr; ///< takes back what the step did, when a later one fails
+    enum { UNDO, KEEP } failed = UNDO; ///< what a failure of the step does with all that was done before it
+};
+
+/// The sequence behind the duplicate-address check. The first step that fails ends it.
+constexpr step steps[] = {
+    {take_inventory},
+    {fill_target},
+    {refuse_present},
+    {choose_device},
+    {check_source},
+    {add_address, undo_address},
+    {open_link_socket, nullptr,
+     step::KEEP}, // nothing is known about the link: no reason to take an address off
+    {check_link},
+    {set_source},
+    {file_device},
+    {announce},
+};
+
+/// Takes back what the steps before `failed` have done, the last one first.
+void undo_steps(activation *act, const step *failed)
+{
+    for (const step *done = failed; done != steps; --done) {
+        if (done[-1].undo != nullptr) {
+            done[-1].undo(act);
+        }
+    }
+}
+
 /// Everything behind the duplicate-address check.
 int activate(FIP_INFO *info)
 {
     const ifconfig_section section(!is_trusted(*info));
     activation act{info, nullptr};
-    const int ret = run_steps(&act);
-    if (ret != FIP_SUCCESS && act.undo) {
-        undo_address(&act);
+    for (const step &next : steps) {
+        const int ret = fip_bound_memory([&next, &act] { return next.run(&act); });
+        if (ret == FIP_SUCCESS) {
+            continue;
+        }
+        if (next.failed == step::UNDO) {
+            undo_steps(&act, &next);
+        }
+        return ret;
     }
-    if (act.log_mac) {
-        TRACE_AS(self, TRACE_INFO, "mac : %s", act.target.smac);
-    }
-    return ret;
+    return FIP_SUCCESS;
 }
 
 } // namespace

@@ -16,9 +16,6 @@ namespace
 constexpr char self[] = "main";
 constexpr char resource_type[] = "fip";
 
-/// What any failure of the check mode itself gives.
-enum { CHECK_FAILED = 1 };
-
 bool read_path(const char *type, const char *path, char (&value)[FIP_PATH_SIZE])
 {
     int size = sizeof(value);
@@ -90,5 +87,5 @@ int fip_check_mode(int argc, char **argv)
     if (!name_check_log()) {
         return CHECK_FAILED;
     }
-    return argc == 3 ? check_resource(argv[2]) : refuse_arguments();
+    return argc == 3 && fip_is_resource_name(argv[2]) ? check_resource(argv[2]) : refuse_arguments();
 }

@@ -2,6 +2,9 @@
 #ifndef FIP_CHECK_MODE_H
 #define FIP_CHECK_MODE_H
 
+/// What any failure of the check mode itself gives.
+enum { CHECK_FAILED = 1 };
+
 /// Whether a command line asks for the check mode.
 [[nodiscard]] bool fip_is_check_mode(int argc, char **argv);
 

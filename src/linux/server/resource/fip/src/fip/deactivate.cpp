@@ -21,6 +21,7 @@ struct deactivation {
     in_addr addr = {};
     in6_addr addr6 = {};
     vdevinfo target = {};
+    bool absent = false; ///< the address is not here: nothing is left to do
 };
 
 /// Replaces the inventory by a new one.
@@ -56,10 +57,10 @@ void take_row(deactivation *deact, const ipaddrinfo &row)
     }
 }
 
-/// Finds the address. *found tells whether it is here.
-int locate(deactivation *deact, bool *found)
+/// Finds the address.
+int locate(deactivation *deact)
 {
-    int ret = take_inventory(deact);
+    const int ret = take_inventory(deact);
     if (ret != FIP_SUCCESS) {
         TRACE_AS(self, TRACE_ERROR, "fip_ifconfig_mkth() failed. (ret=%d)", ret);
         return ret;
@@ -75,8 +76,8 @@ int locate(deactivation *deact, bool *found)
         return fip_internal_error(FIP_ERR_IPFORMAT);
     }
     const ipaddrinfo *row = find_address(*deact);
-    *found = row != nullptr;
-    if (row == nullptr) {
+    deact->absent = row == nullptr;
+    if (deact->absent) {
         TRACE_AS(self, TRACE_WARNING, "%s not activated.", deact->info->addr);
         return FIP_SUCCESS;
     }
@@ -146,8 +147,9 @@ bool is_silent(FIP_INFO *info)
 
 /// Confirms by ping that nobody answers on the address. The message of an answer stays when the result is 0:
 /// an operator is to see that it was not confirmed at once.
-int check_ping(FIP_INFO *info)
+int check_ping(deactivation *deact)
 {
+    FIP_INFO *info = deact->info;
     if (info->checkpiexec == 0) {
         return FIP_SUCCESS;
     }
@@ -177,25 +179,25 @@ bool is_trusted()
     return fullnotation != 0;
 }
 
-/// The sequence, in order.
+/// The sequence. The first step that fails ends it.
+constexpr int (*steps[])(deactivation *) = {
+    locate,
+    remove_address,
+    check_inventory,
+    check_ping,
+};
+
 int deactivate(FIP_INFO *info)
 {
     const ifconfig_section section(!is_trusted());
     deactivation deact{info, nullptr};
-    bool found = false;
-    int ret = locate(&deact, &found);
-    if (ret != FIP_SUCCESS || !found) {
-        return ret;
+    for (const auto step : steps) {
+        const int ret = step(&deact);
+        if (ret != FIP_SUCCESS || deact.absent) {
+            return ret;
+        }
     }
-    ret = remove_address(&deact);
-    if (ret != FIP_SUCCESS) {
-        return ret;
-    }
-    ret = check_inventory(&deact);
-    if (ret != FIP_SUCCESS) {
-        return ret;
-    }
-    return check_ping(info);
+    return FIP_SUCCESS;
 }
 
 } // namespace

@@ -110,7 +110,8 @@ int read_options(int argc, char **argv, FIP_INFO *info, char (&address)[FIP_ADDR
             continue;
         }
         const char *value = i + 1 < argc ? argv[i + 1] : nullptr;
-        if (value == nullptr || value[0] == '-' || strlen(value) >= found->size) {
+        if (value == nullptr || value[0] == '-' || strlen(value) >= found->size ||
+            (found->field == info->rscname && !fip_is_resource_name(value))) {
             TRACE_AS("main", TRACE_ERROR, "Invalid option. (%s ?)", found->name);
             return invalid_option();
         }
@@ -265,7 +266,13 @@ int main(int argc, char **argv)
 {
     // Inherited as ignored, it would make every command's end unknown.
     signal(SIGCHLD, SIG_DFL);
+    // A log that must not grow, or a check log whose reader is gone, is told of by the write: neither may end
+    // a run in the middle. Commands start with the default again.
+    signal(SIGXFSZ, SIG_IGN);
+    signal(SIGPIPE, SIG_IGN);
     record info;
-    const int code = fip_is_check_mode(argc, argv) ? fip_check_mode(argc, argv) : run(argc, argv, &info);
-    return finish(code, &info);
+    const bool check = fip_is_check_mode(argc, argv);
+    const int code =
+        fip_bound_memory([=, &info] { return check ? fip_check_mode(argc, argv) : run(argc, argv, &info); });
+    return finish(check && code != FIP_SUCCESS ? CHECK_FAILED : code, &info);
 }

@@ -295,7 +295,8 @@ void *fip_ping_retry(void *parg)
 {
     TRACE(TRACE_DEBUG, "fip_ping_retry(%p)  ENTRY...", parg);
     auto *pip = static_cast<PIP_INFO>(parg);
-    pip->ret = fip_chk_ip_response(pip);
+    const auto ask = [pip] { return fip_chk_ip_response(pip); };
+    pip->ret = fip_bound_memory(ask);
     if (pip->ret == FIP_SUCCESS) {
         TRACE(TRACE_INFO, "fip_chk_ip_response(%s) OK.", pip->addr);
         return nullptr;
@@ -304,7 +305,7 @@ void *fip_ping_retry(void *parg)
     for (int count = 1; count <= pip->pinfo->pingretry; ++count) {
         fip_pause(pip->pinfo->pinginterval);
         TRACE(TRACE_INFO, "ping(%s) retry start, count=%d.", pip->addr, count);
-        pip->ret = fip_chk_ip_response(pip);
+        pip->ret = fip_bound_memory(ask);
         if (pip->ret == FIP_SUCCESS) {
             TRACE(TRACE_INFO, "fip_chk_ip_response(%s) succeeded.", pip->addr);
             return nullptr;
