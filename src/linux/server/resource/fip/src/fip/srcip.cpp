@@ -193,6 +193,10 @@ int find_gateway(const char *ifname, char (&gateway)[INET_ADDRSTRLEN])
         }
         starts_line = whole;
     }
+    if (ferror(table.get()) != 0) { // "no default route" is not what it says
+        TRACE_AS(set_name, TRACE_ERROR, "fgets(/proc/net/route) failed. (errno=%d)", errno);
+        return FIP_ERR_INTERNAL;
+    }
     return FIP_SUCCESS;
 }
 
