@@ -1,6 +1,7 @@
 #include "init.h"
 
 #include "../fip.h"
+#include "build_stamp.h"
 #include "config.h"
 #include "log.h"
 #include "source.h"
@@ -18,8 +19,8 @@ constexpr char revision_date[] = "$Date: 11/03/24 10:03 $";
 
 void fip_trace_build(const char *opening)
 {
-    TRACE_AS("main", TRACE_INFO, "%s %s %s, MAKE: %s %s", opening, revision, revision_date, __DATE__,
-             __TIME__);
+    TRACE_AS("main", TRACE_INFO, "%s %s %s, MAKE: %s %s", opening, revision, revision_date, build_date,
+             build_time);
 }
 
 int fip_init()
