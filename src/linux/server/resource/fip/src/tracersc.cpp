@@ -13,15 +13,14 @@ namespace
 
 enum { PREFIX_LENGTH = 8 };
 
-/// One log: its handle, null while closed, and the number of opens since the last close.
-struct trace_channel {
-    void *loghandle = nullptr;
-    int traceinit = 0;
-};
+// The log, and the second one: the handle, null while it is closed, and the number of opens since the last
+// close.
+void *loghandle = nullptr;
+int traceinit = 0;
+void *loghandle_ex = nullptr;
+int traceinit_ex = 0;
 
-trace_channel first;
-trace_channel second;
-char rscname[32];
+char rscname[32]; ///< the prefix of every line; empty for none
 
 /// Where a line comes from.
 struct origin {
@@ -30,21 +29,21 @@ struct origin {
     const char *pfunc;
 };
 
-void open_channel(trace_channel *channel, const char *type, int level, int size, const char *path)
+void open_log(void **handle, int *init, const char *type, int level, int size, const char *path)
 {
-    if (channel->traceinit == 0) {
+    if (*init == 0) {
         // A failed open leaves the handle null: the run goes on without a trace.
-        static_cast<void>(log_init(type, &channel->loghandle, level, size, path));
+        static_cast<void>(log_init(type, handle, level, size, path));
     }
-    ++channel->traceinit;
+    ++*init;
 }
 
-void close_channel(trace_channel *channel)
+void close_log(void **handle, int *init)
 {
-    if (channel->traceinit != 0) {
-        log_term(channel->loghandle);
-        channel->loghandle = nullptr;
-        channel->traceinit = 0;
+    if (*init != 0) {
+        log_term(*handle);
+        *handle = nullptr;
+        *init = 0;
     }
 }
 
@@ -52,35 +51,32 @@ enum class layout { plain, indented };
 
 /// Writes one message, behind the prefix when there is one.
 /// The message is a value of the line's format, never the format: its percent signs are text.
-void write_line(const trace_channel &channel, int level, const origin &from, layout shape,
-                const char *message)
+void write_line(void *handle, int level, const origin &from, layout shape, const char *message)
 {
     const nocancel guard;
     const bool indent = shape == layout::indented;
     if (rscname[0] == '\0') {
-        log_write(channel.loghandle, level, 0, from.pname, from.line, from.pfunc, indent ? "  %s" : "%s",
-                  message);
+        log_write(handle, level, 0, from.pname, from.line, from.pfunc, indent ? "  %s" : "%s", message);
     } else {
-        log_write(channel.loghandle, level, 0, from.pname, from.line, from.pfunc,
-                  indent ? "%-8s:   %s" : "%-8s: %s", rscname, message);
+        log_write(handle, level, 0, from.pname, from.line, from.pfunc, indent ? "%-8s:   %s" : "%-8s: %s",
+                  rscname, message);
     }
 }
 
-void format_line(const trace_channel &channel, int level, const origin &from, layout shape, const char *fmt,
-                 va_list args)
+void format_line(void *handle, int level, const origin &from, layout shape, const char *fmt, va_list args)
 {
-    if (channel.loghandle == nullptr || fmt == nullptr) {
+    if (handle == nullptr || fmt == nullptr) {
         return;
     }
     char message[TRACE_TEXT_SIZE];
     vsnprintf(message, sizeof(message), fmt, args);
-    write_line(channel, level, from, shape, message);
+    write_line(handle, level, from, shape, message);
 }
 
 /// Writes "MESSAGE success." for a result of 0, else "MESSAGE failed. (DETAIL)".
 void format_result(int ret, const origin &from, const char *detail, const char *fmt, va_list args)
 {
-    if (first.loghandle == nullptr || fmt == nullptr) {
+    if (loghandle == nullptr || fmt == nullptr) {
         return;
     }
     char message[TRACE_TEXT_SIZE];
@@ -91,7 +87,7 @@ void format_result(int ret, const origin &from, const char *detail, const char *
     } else {
         snprintf(line, sizeof(line), "%s failed. (%s)", message, detail);
     }
-    write_line(first, ret == 0 ? TRACE_DEBUG : TRACE_ERROR, from, layout::indented, line);
+    write_line(loghandle, ret == 0 ? TRACE_DEBUG : TRACE_ERROR, from, layout::indented, line);
 }
 
 void copy_name(const char *const *names, std::size_t count, int ret, char *errstr)
@@ -117,23 +113,23 @@ void name_detail(char (&detail)[NAMED_DETAIL_SIZE], int ret, void (*makeerrstr)(
 
 void traceopen(const char *type, int level, int size, const char *path)
 {
-    open_channel(&first, type, level, size, path);
+    open_log(&loghandle, &traceinit, type, level, size, path);
     memset(rscname, 0, sizeof(rscname));
 }
 
 void traceclose()
 {
-    close_channel(&first);
+    close_log(&loghandle, &traceinit);
 }
 
 void traceopen_ex(const char *type, int level, int size, const char *path)
 {
-    open_channel(&second, type, level, size, path);
+    open_log(&loghandle_ex, &traceinit_ex, type, level, size, path);
 }
 
 void traceclose_ex()
 {
-    close_channel(&second);
+    close_log(&loghandle_ex, &traceinit_ex);
 }
 
 void tracetell(const char *name)
@@ -145,7 +141,7 @@ void trace(int level, const char *pname, int line, const char *pfunc, const char
 {
     va_list args;
     va_start(args, fmt);
-    format_line(first, level, {pname, line, pfunc}, layout::plain, fmt, args);
+    format_line(loghandle, level, {pname, line, pfunc}, layout::plain, fmt, args);
     va_end(args);
 }
 
@@ -153,7 +149,7 @@ void trace2(int level, const char *pname, int line, const char *pfunc, const cha
 {
     va_list args;
     va_start(args, fmt);
-    format_line(first, level, {pname, line, pfunc}, layout::indented, fmt, args);
+    format_line(loghandle, level, {pname, line, pfunc}, layout::indented, fmt, args);
     va_end(args);
 }
 
@@ -161,43 +157,43 @@ void trace_ex(int level, const char *pname, int line, const char *pfunc, const c
 {
     va_list args;
     va_start(args, fmt);
-    format_line(second, level, {pname, line, pfunc}, layout::plain, fmt, args);
+    format_line(loghandle_ex, level, {pname, line, pfunc}, layout::plain, fmt, args);
     va_end(args);
 }
 
 void tracemess(int level, int eid, const char *pname, int line, const char *pfunc, const char *fmt,
                const char *s1)
 {
-    if (first.loghandle != nullptr) {
+    if (loghandle != nullptr) {
         const nocancel guard;
-        log_write(first.loghandle, level, eid, pname, line, pfunc, fmt, s1);
+        log_write(loghandle, level, eid, pname, line, pfunc, fmt, s1);
     }
 }
 
 void tracemess2(int level, int eid, const char *pname, int line, const char *pfunc, const char *fmt,
                 const char *s1, const char *s2)
 {
-    if (first.loghandle != nullptr) {
+    if (loghandle != nullptr) {
         const nocancel guard;
-        log_write(first.loghandle, level, eid, pname, line, pfunc, fmt, s1, s2);
+        log_write(loghandle, level, eid, pname, line, pfunc, fmt, s1, s2);
     }
 }
 
 void tracemess3(int level, int eid, const char *pname, int line, const char *pfunc, const char *fmt,
                 const char *s1, const char *s2, const char *s3)
 {
-    if (first.loghandle != nullptr) {
+    if (loghandle != nullptr) {
         const nocancel guard;
-        log_write(first.loghandle, level, eid, pname, line, pfunc, fmt, s1, s2, s3);
+        log_write(loghandle, level, eid, pname, line, pfunc, fmt, s1, s2, s3);
     }
 }
 
 void tracemess4(int level, int eid, const char *pname, int line, const char *pfunc, const char *fmt,
                 const char *s1, const char *s2, int i1)
 {
-    if (first.loghandle != nullptr) {
+    if (loghandle != nullptr) {
         const nocancel guard;
-        log_write(first.loghandle, level, eid, pname, line, pfunc, fmt, s1, s2, i1);
+        log_write(loghandle, level, eid, pname, line, pfunc, fmt, s1, s2, i1);
     }
 }
 
