@@ -5,6 +5,7 @@ source "$BATS_TEST_DIRNAME/fip_helper.bash"
 @test "the command line" {
     local long=0123456789012345678901234567890 wrong='Option was invalid.' bad='Invalid option.' zeros
     zeros=$(printf %065d 0)
+    ip -n "$here" link property add dev veth altname other
     # Incomplete or unknown; without a value; values that fill or exceed their field; keywords in any case, a
     # later option wins, what is unknown is passed over; no address, no names; names are only text.
     while IFS='|' read -r code group resource message level text arguments; do
@@ -33,6 +34,10 @@ source "$BATS_TEST_DIRNAME/fip_helper.bash"
 	4||fip1|$wrong|1|$bad (-i ?)|--add -r fip1 -i ${long}x -a 192.0.2.10
 	4||fip1|$wrong|1|$bad (-a ?)|--add -r fip1 -a 192.0.2.10%veth:0$zeros
 	30||fip1|Success.|1|Interface name is too long.|--add -r fip1 -a 192.0.2.10%veth:$zeros
+	30||fip1|Success.|1|Interface name is too long.|--add -r fip1 -i ${long:0:16} -a 192.0.2.10
+	30||fip1|Success.|1|Interface name is invalid.|--add -r fip1 -a '192.0.2.10%veth: 5'
+	30||fip1|Success.|1|Interface name is invalid.|--add -r fip1 -i \$'veth:\n5' -a 192.0.2.10
+	30||fip1|Success.|1|Interface name is an alternative one of veth. [IF: other:1]|--add -r fip1 -a 192.0.2.10%other:1
 	9|$long|$long|Internal error. (status=9)|4|active   rsc:$long, grp:$long|--active -r $long -g $long
 	0|g1|fip1|Success.|4|active   rsc:fip1, grp:g1|--ACTIVE -R fip1 -G g1
 	0|g1|fip1|Success.|4|active   rsc:fip1, grp:g1|--Active -g g0 -r none -R fip1 -g g1
@@ -43,7 +48,8 @@ source "$BATS_TEST_DIRNAME/fip_helper.bash"
 	4|g1|fip1|Success.|4|return(ret=4)|--del -r fip1 -g g1
 	0|||Success.|4|mac : 02:00:00:00:00:01|--add -a 192.0.2.10
 	9|g;1|%s%n|Internal error. (status=9)|4|active   rsc:%s%n, grp:g;1|--active -r %s%n -g 'g;1'
-	9|g1|x']/*|Internal error. (status=9)|4|active   rsc:x']/*, grp:g1|--active -r "x']/*" -g g1
+	9|g1|x']*|Internal error. (status=9)|4|active   rsc:x']*, grp:g1|--active -r "x']*" -g g1
+	4|||$wrong|1|$bad (-r ?)|--active -r fip1/server@other -g g1
 	9|g1|\$(>made)|Internal error. (status=9)|4|active   rsc:\$(>made), grp:g1|--active -r '\$(>made)' -g g1
 	29|g1|fip1|Internal error. (status=29)|1|FIP address is invalid|--add -r fip1 -g g1 -a '192.0.2.10;'
 	29|g1|fip1|Internal error. (status=29)|1|FIP address is invalid|--del -r fip1 -g g1 -a host/24

@@ -29,6 +29,8 @@ constexpr char arguments[] = R"(
 10.0.0.1%<15>x | 30 [Interface name is too long.] | 10.0.0.1 - - <15>x 4 0
 10.0.0.1%<15>:000000000000001 | 0 | 10.0.0.1 - - <15>:000000000000001 4 1
 10.0.0.1%<15>:0000000000000001 | 30 [Interface name is too long.] | 10.0.0.1 - - - 4 0
+10.0.0.1%eth0: 5 | 30 [Interface name is invalid.] | 10.0.0.1 - - eth0: 5 4 0
+10.0.0.1%et<tab>h0 | 30 [Interface name is invalid.] | 10.0.0.1 - - et<tab>h0 4 0
 10.0.0.1/xx%eth0:1 | 31 [Mask is invalid.(mask=xx)] | 10.0.0.1 - 0 eth0:1 4 1
 10.0.0.1/xx%eth0:x | 30 [IP alias is invalid.(alias=x)] | 10.0.0.1 - - eth0:x 4 0
 <45> | 0 | <45> - - - 4 0
@@ -41,7 +43,8 @@ fd00::5/129 | 31 [over max mask bit num.(mask bit=129)] | fd00::5 - 129 - 6 0
 
 TEST_F(AddressTest, IsTakenApart)
 {
-    for (const auto &row : table(arguments, {{"<15>", "fifteen-letters"}, {"<45>", std::string(45, '1')}})) {
+    for (const auto &row :
+         table(arguments, {{"<15>", "fifteen-letters"}, {"<45>", std::string(45, '1')}, {"<tab>", "\t"}})) {
         FIP_INFO out;
         memset(&out, '#', sizeof(out));
         fullnotation = fip_ipck(row[0].c_str());
@@ -117,6 +120,11 @@ e=fd00::1/64 | fd00::5/48 |  | 0: e . ffff:ffff:ffff:: 48 . 0
 e=fd00:0:0:1::1/64 | fd00::5/48 |  | <lost>fd00::5<in> . . ffff:ffff:ffff:: 48 . .
 eth10=fd01::1/64 eth1=fd01::2/56 | fd00::5 | eth1 | 0: eth1 . . 56 . 1
 e=10.1.0.1/16 e=fd01::1/56 | fd00::5 | e | 0: e . . 56 . 1
+e=10.1.0.1/16 e=fd01::1/56 | fd00::5/48 | e | 0: e . ffff:ffff:ffff:: 48 . 0
+f=10.1.0.1/16 e=10.1.0.1/16 | fd00::5 | e | 0: e . . 64 . 1
+f=fd01::1/64 e=fd01::1/56 | 10.1.2.3/16 | e | 0: e e:0 255.255.0.0 16 10.1.255.255 1
+e=fd01::1/56 e:0=10.3.0.1/8 | 10.1.2.3/16 | e:7 | 0: e:7 e:7 255.255.0.0 16 10.1.255.255 0
+e=fd01::1/56 e=fd02::1/56 | 10.1.2.3 | e | 0: e e:0 255.255.255.0 0 10.1.2.255 0
 e=fd01::1/64 | fd00::5 | e:1 | 0: e:1 e:1 . 64 . .
 )";
 

@@ -127,6 +127,15 @@ TEST_F(IoctlTest, UndoesWhatFailsHalfWay)
     copy_text(info.ifconfcmd, std::string(1000, '/').c_str());
     kernel = {"", "-", -1, ""};
     EXPECT_EQ(nic_act_ipaddr_ioctl(&dev) * 100 + nic_deact_ipaddr_ioctl(&dev), 1015);
-    EXPECT_EQ(fip_act_ipaddr(&dev, &info) * 100 + fip_deact_ipaddr(&dev, &info), 1111);
+    EXPECT_EQ(fip_act_ipaddr(&dev, &info) * 100 + fip_deact_ipaddr(&dev, &info), 3011);
     EXPECT_EQ(kernel.asked, "");
+    copy_text(dev.vdevname, "eth0:1"); // RFC 3021: a /31 and a /32 have no room for a broadcast address
+    for (const auto *const mask : {"255.255.255.252", "255.255.255.254", "255.255.255.255"}) {
+        dev.nipel.mask = {inet_addr(mask)};
+        EXPECT_EQ(nic_act_ipaddr_ioctl(&dev), 0);
+    }
+    const std::string asked =
+        std::regex_replace(kernel.asked, std::regex("(ADDR|MASK|SFLAGS|BRD) eth0:1 "), "");
+    EXPECT_EQ(asked,
+              "0a000001;fffffffc;0affffff;67;0a000001;fffffffe;00000000;67;0a000001;ffffffff;00000000;67;");
 }

@@ -47,8 +47,7 @@ struct request {
 /// so every request under it fails as under an unknown name.
 void prepare(request *req, const vdevinfo &dev)
 {
-    const char *name = dev.vdevname[0] != '\0' ? dev.vdevname : dev.ifname;
-    req->named = copy_text(req->ifr.ifr_name, name);
+    req->named = copy_text(req->ifr.ifr_name, nic_device_name(dev));
 }
 
 bool open_socket(request *req, int family)
@@ -121,9 +120,7 @@ int add_ipv4(request *req, const vdevinfo &dev, bool *placed)
         TRACE_AS(act_name, TRACE_ERROR, "SIOCSIFNETMASK failed.(errno=%d)", errno);
         return NIC_ERR_SIOCSIFNETMASK;
     }
-    in_addr bcast = {};
-    inet_pton(AF_INET, dev.bcast, &bcast);
-    req->set_addr(bcast);
+    req->set_addr(nic_broadcast(dev));
     if (req->issue(SIOCSIFBRDADDR) < 0) {
         TRACE_AS(act_name, TRACE_ERROR, "SIOCSIFBRDADDR failed.(errno=%d)", errno);
         return NIC_ERR_SIOCSIFBRDADDR;
@@ -196,6 +193,44 @@ int nic_ipck(const char *paddr)
     const bool is_ipv6 = paddr[strcspn(paddr, ":%")] == ':';
     TRACE(TRACE_DEBUG, is_ipv6 ? "IPv6 address." : "IPv4 address.");
     return is_ipv6 ? 1 : 0;
+}
+
+const char *nic_device_name(const vdevinfo &dev)
+{
+    return dev.vdevname[0] != '\0' ? dev.vdevname : dev.ifname;
+}
+
+int nic_check_name(const char *name)
+{
+    constexpr char self[] = "nic_check_name";
+    if (strlen(name) >= IFNAMSIZ) {
+        TRACE_AS(self, TRACE_ERROR, "Interface name is too long.");
+        return NIC_ERR_NAME;
+    }
+    if (has_white_space(name)) {
+        TRACE_AS(self, TRACE_ERROR, "Interface name is invalid.");
+        return NIC_ERR_NAME;
+    }
+    char base[IFNAMSIZ];
+    char real[IFNAMSIZ];
+    copy_base(base, name);
+    const unsigned index = if_nametoindex(base);
+    // An interface that is not there, or goes away in between, is for the request itself to tell.
+    if (index != 0 && if_indextoname(index, real) != nullptr && strcmp(base, real) != 0) {
+        TRACE_AS(self, TRACE_ERROR, "Interface name is an alternative one of %s. [IF: %s]", real, name);
+        return NIC_ERR_NAME;
+    }
+    return NIC_SUCCESS;
+}
+
+in_addr nic_broadcast(const vdevinfo &dev)
+{
+    constexpr in_addr_t slash_31 = 0xfffffffe;
+    in_addr bcast = {INADDR_ANY};
+    if (ntohl(dev.nipel.mask.s_addr) < slash_31) {
+        inet_pton(AF_INET, dev.bcast, &bcast);
+    }
+    return bcast;
 }
 
 int nic_act_ipaddr_ioctl(const vdevinfo *pvdevinfo)

@@ -56,7 +56,7 @@ struct vdevinfo {
 /// Status codes of this file; the agent's own are in fip.h.
 enum nic_code {
     NIC_SUCCESS = 0,
-    NIC_ERR_MEMORY = 2,          ///< no memory for the rows
+    NIC_ERR_MEMORY = 2,          ///< no memory
     NIC_ERR_NOADDR = 3,          ///< the kernel lists no usable address
     NIC_ERR_GETIFADDRS = 4,      ///< the kernel's list could not be read
     NIC_ERR_SOCKET = 9,          ///< no socket
@@ -72,7 +72,8 @@ enum nic_code {
     NIC_ERR_THREAD = 19,         ///< detection: the worker could not be started
     NIC_ERR_ABSENT = 20,         ///< detection: ifconfig is not on the search path
     NIC_ERR_TIMEOUT = 21,        ///< detection: the worker did not end in time
-    NIC_ERR_LAYOUT = 22          ///< detection: the output has the newer layout, or none
+    NIC_ERR_LAYOUT = 22,         ///< detection: the output has the newer layout, or none
+    NIC_ERR_NAME = 23            ///< the name is none that an address can be changed under
 };
 
 /// 1: inventory and address changes go through the ifconfig command, 0: through the kernel.
@@ -88,7 +89,8 @@ extern std::atomic<int> nic_actthend;
 /// @param ifconfuse  non-zero: don't look, the kernel interfaces are wanted
 /// @param ifconfout  time-out, seconds
 /// @return 0 when the detection ran to its end, whatever it found, or was not wanted; NIC_ERR_THREAD;
-///         NIC_ERR_TIMEOUT; the error number of a failed join when the worker found no use for the command
+///         NIC_ERR_TIMEOUT; NIC_ERR_MEMORY; the error number of a failed join when the worker found no use
+///         for the command
 [[nodiscard]] int nic_chk_isifconfig(int *pIsIfconfig, int ifconfuse, int ifconfout);
 
 /// The detection worker. Writes 0, NIC_ERR_OPEN, NIC_ERR_WHICH, NIC_ERR_ABSENT or NIC_ERR_LAYOUT into the int
@@ -111,6 +113,19 @@ enum nic_layout { NIC_LAYOUT_OPEN, NIC_LAYOUT_OLDER, NIC_LAYOUT_NEWER };
 
 /// Tells an address text's family: 1 for IPv6, 0 for IPv4. A ':' behind a '%' belongs to an alias.
 [[nodiscard]] int nic_ipck(const char *paddr);
+
+/// The name that the record's address stands under, or is to stand under.
+[[nodiscard]] const char *nic_device_name(const vdevinfo &dev);
+
+/// Judges the name that an address is to be put under, before anything is changed. A name too long for the
+/// kernel would be cut to another one's by a command. An interface's alternative name (ip-link(8), property)
+/// would be taken for the first request only; what undoes that would stop the interface.
+/// @return 0 or NIC_ERR_NAME
+[[nodiscard]] int nic_check_name(const char *name);
+
+/// The broadcast address for the kernel: the record's, or 0.0.0.0 for none where the subnet has no room for
+/// one (RFC 3021: both addresses of a /31 are hosts').
+[[nodiscard]] in_addr nic_broadcast(const vdevinfo &dev);
 
 /// Puts the address of the record on its interface, and brings that up. What was placed is taken off again
 /// when a later step fails.

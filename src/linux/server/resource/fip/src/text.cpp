@@ -32,6 +32,11 @@ std::size_t base_length(const char *ifname)
     return strcspn(ifname, ":");
 }
 
+bool has_white_space(const char *text)
+{
+    return text[strcspn(text, " \t\n\v\f\r")] != '\0';
+}
+
 void fip_chop(char *str)
 {
     char *newline = strrchr(str, '\n');

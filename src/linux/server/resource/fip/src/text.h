@@ -46,6 +46,10 @@ bool copy_base(char (&dst)[N], const char *ifname)
     return copy_part(dst, N, ifname, base_length(ifname));
 }
 
+/// Whether the text holds white space. The kernel refuses it in an interface's name but takes it in an alias:
+/// one that nobody could take down any more, and that forges a line of ifconfig's output.
+[[nodiscard]] bool has_white_space(const char *text);
+
 /// Cuts the text at its last newline; a text without one stays as it is.
 void fip_chop(char *str);
 

@@ -73,6 +73,9 @@ int take_ifname(const char *piece, char *ifname)
     if (base >= IFNAMSIZ) {
         return refuse_ifname("Interface name is too long.");
     }
+    if (has_white_space(piece)) {
+        return refuse_ifname("Interface name is invalid.");
+    }
     return piece[base] == ':' ? check_alias(piece + base + 1) : FIP_SUCCESS;
 }
 

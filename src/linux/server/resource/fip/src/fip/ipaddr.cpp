@@ -4,6 +4,7 @@
 #include "../text.h"
 #include "source.h"
 
+#include <arpa/inet.h>
 #include <memory>
 #include <string>
 
@@ -15,6 +16,9 @@ bool add_command(const vdevinfo &dev, const FIP_INFO &info, IP_CMD_INFO *block)
 {
     const std::string tool = shell_in_quotes(info.ifconfcmd);
     const std::string addr = shell_word(dev.sipel.addr);
+    char bcast[INET_ADDRSTRLEN];
+    const in_addr numeric = nic_broadcast(dev);
+    inet_ntop(AF_INET, &numeric, bcast, sizeof(bcast));
     if (ipv6flag != 0) {
         return format_text(block->cmdpath, sizeof(block->cmdpath), "\"%s\" %s add %s/%d > /dev/null 2>&1",
                            tool.c_str(), shell_word(dev.ifname).c_str(), addr.c_str(), dev.sipel.masklen);
@@ -22,7 +26,7 @@ bool add_command(const vdevinfo &dev, const FIP_INFO &info, IP_CMD_INFO *block)
     return format_text(block->cmdpath, sizeof(block->cmdpath),
                        "\"%s\" %s %s netmask %s broadcast %s up > /dev/null 2>&1", tool.c_str(),
                        shell_word(dev.vdevname).c_str(), addr.c_str(), shell_word(dev.sipel.mask).c_str(),
-                       shell_word(dev.bcast).c_str());
+                       bcast);
 }
 
 /// Builds the command line that removes the address. @return false when it does not fit
@@ -78,6 +82,9 @@ void *fip_cmd_system(void *parg)
 int fip_act_ipaddr(const vdevinfo *pvdevinfo, const FIP_INFO *pfipinfo)
 {
     TRACE(TRACE_DEBUG, "fip_act_ipaddr()  ENTRY...");
+    if (nic_check_name(nic_device_name(*pvdevinfo)) != NIC_SUCCESS) {
+        return FIP_ERR_IFNAME;
+    }
     if (IsIfconfig != 0) {
         const auto block = std::make_shared<IP_CMD_INFO>();
         const bool whole = add_command(*pvdevinfo, *pfipinfo, block.get());

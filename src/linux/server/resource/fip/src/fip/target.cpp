@@ -74,23 +74,29 @@ bool is_other_family(const ipaddrinfo &row)
     return ipv6flag != 0 ? row.nipel.addr.s_addr != INADDR_ANY : !IN6_IS_ADDR_UNSPECIFIED(&row.nipel6.addr);
 }
 
-/// The first row that fits, or null. Names the record's interface when none was configured.
+/// The first row that fits, or null. Names the record's interface when none was configured. Where the row is
+/// to give the netmask, too, one of the other family serves only when the interface has no other.
 const ipaddrinfo *choose_row(const ipaddrinfo *rows, int num, const char *wanted, vdevinfo *dev)
 {
     const bool configured = dev->ifname[0] != '\0';
+    const bool masked = dev->sipel.mask[0] != '\0';
+    const ipaddrinfo *maskless = nullptr;
     for (int i = 0; i < num; ++i) {
         const ipaddrinfo &row = rows[i];
-        if (is_other_family(row)) {
-            continue;
-        }
         if (!configured && !(ipv6flag != 0 ? fits_ipv6(row, *dev) : fits_ipv4(row, *dev))) {
             continue;
         }
-        if (matches_name(row, wanted, dev)) {
+        if (!matches_name(row, wanted, dev)) {
+            continue;
+        }
+        if (masked || !is_other_family(row)) {
             return &row;
         }
+        if (maskless == nullptr) {
+            maskless = &row;
+        }
     }
-    return nullptr;
+    return maskless;
 }
 
 void set_broadcast(vdevinfo *dev)
@@ -99,23 +105,40 @@ void set_broadcast(vdevinfo *dev)
     inet_ntop(AF_INET, &bcast, dev->bcast, sizeof(dev->bcast));
 }
 
+/// The netmask where neither the configuration nor a row has one.
+void set_default_mask(vdevinfo *dev)
+{
+    if (ipv6flag != 0) {
+        dev->sipel.masklen = default_masklen;
+        return;
+    }
+    copy_text(dev->sipel.mask, default_mask);
+    inet_pton(AF_INET, default_mask, &dev->nipel.mask);
+}
+
+void take_mask(const ipaddrinfo &row, vdevinfo *dev)
+{
+    if (is_other_family(row)) {
+        set_default_mask(dev);
+    } else if (ipv6flag != 0) {
+        dev->sipel.masklen = row.sipel.masklen;
+    } else {
+        dev->nipel.mask = row.nipel.mask;
+        inet_ntop(AF_INET, &dev->nipel.mask, dev->sipel.mask, sizeof(dev->sipel.mask));
+    }
+}
+
 /// Completes the record from the row that will carry the address.
 void take_row(const ipaddrinfo &row, vdevinfo *dev)
 {
     memcpy(dev->smac, row.smac, sizeof(dev->smac));
     memcpy(dev->macaddr, row.macaddr, sizeof(dev->macaddr));
-    const bool masked = dev->sipel.mask[0] != '\0';
-    if (ipv6flag != 0) {
-        if (!masked) {
-            dev->sipel.masklen = row.sipel.masklen;
-        }
-        return;
+    if (dev->sipel.mask[0] == '\0') {
+        take_mask(row, dev);
     }
-    if (!masked) {
-        dev->nipel.mask = row.nipel.mask;
-        inet_ntop(AF_INET, &dev->nipel.mask, dev->sipel.mask, sizeof(dev->sipel.mask));
+    if (ipv6flag == 0) {
+        set_broadcast(dev);
     }
-    set_broadcast(dev);
 }
 
 /// The lowest alias number of `base` that no row has, or max_aliases. One pass over the rows, however many
@@ -194,12 +217,8 @@ int use_unlisted(vdevinfo *dev)
 {
     TRACE_AS(self, TRACE_WARNING, "Not found fip interface. [IF: %s]", dev->ifname);
     copy_text(dev->vdevname, dev->ifname);
-    const bool masked = dev->sipel.mask[0] != '\0';
-    if (!masked && ipv6flag != 0) {
-        dev->sipel.masklen = default_masklen;
-    } else if (!masked) {
-        copy_text(dev->sipel.mask, default_mask);
-        inet_pton(AF_INET, default_mask, &dev->nipel.mask);
+    if (dev->sipel.mask[0] == '\0') {
+        set_default_mask(dev);
     }
     TRACE_AS(self, TRACE_INFO, "vdev : %s, addr : %s", dev->vdevname, dev->sipel.addr);
     if (ipv6flag != 0) {
