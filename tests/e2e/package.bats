@@ -48,6 +48,8 @@ completes() {
     run -1 grep -vE '^(lrwxrwxrwx|[-d]rwxr-xr-x|-rw-r--r--|drwxr-x---) root/root ' <(dpkg-deb -c "$deb")
     [ "$(dpkg-deb -c "$deb" | grep -cE '^drwxr-x--- .*/qor/(log|run)/$')" -eq 2 ]
     [ "$(find "$root" -type l -printf "$root%l\n" | xargs ls -d | wc -l)" -eq 6 ]
+    # Every page of the documents, which link to each other.
+    [ "$(cd "$root/usr/share/doc/qorfip/docs" && echo *)" = "$(cd "$QOR_SOURCE/docs" && echo *.md)" ]
     # dpkg guards every file of the configuration, and no other.
     run -0 find "$root/etc" -type f -printf '/etc/%P\n'
     [ "$(sort <<<"$output")" = "$(sort "$root/DEBIAN/conffiles")" ] || fail
