@@ -14,6 +14,8 @@ common_targets() {
     goes 192.0.2.10/16 17 '|Fip interface was not found.'
     goes 2001:db8:9::1 17 '|Fip interface was not found.'
     goes 198.51.100.7%veth 0 'veth:0|Success.' "veth $inet198 veth:0"
+    goes 198.51.100.7/31%veth 0 'veth:0|Success.' 'veth inet 198.51.100.7/31 scope global veth:0'
+    goes 198.51.100.7/32%veth 0 'veth:0|Success.' 'veth inet 198.51.100.7/32 scope global veth:0'
     goes 192.0.2.1/24 15 '|This ip address was already used.  IP=192.0.2.1'
     goes 2001:db8::1/64 15 '|This ip address was already used.  IP=2001:db8::1'
     goes 2001:db8::10 0 'veth|Success.' 'veth inet6 2001:db8::10/64 scope global'
@@ -31,6 +33,17 @@ common_targets() {
 @test "by ioctl, as without ifconfig: addresses go where they belong and leave nothing behind" {
     goes 198.51.100.7%bare 0 'bare|Success.' "bare $inet198 bare"
     goes 2001:db8:9::1%bare 0 'bare|Success.' 'bare inet6 2001:db8:9::1/64 scope global'
+    # An interface that has addresses of the other family only is not stopped by taking one down.
+    ip -n "$here" address add fe80::9/64 dev bare
+    goes 198.51.100.7%bare 0 'bare:0|Success.' "bare $inet198 bare:0"
+    cluster 'fip2 198.51.100.7/24%bare'
+    activate 0 fip2
+    goes 198.51.100.8/24%bare 0 'bare:1|Success.' "bare ${inet198/.7/.8} secondary bare:1"
+    # Here already, although no interface is there for it.
+    goes 198.51.100.7/16 15 '|This ip address was already used.  IP=198.51.100.7'
+    cluster 'fip2 198.51.100.7/24%bare'
+    deactivate 0 fip2
+    ip -n "$here" address delete fe80::9/64 dev bare # still there
     goes 198.51.100.7/24%nosuch 39 '|Add ip(198.51.100.7) failed.'
     goes 2001:db8:9::1%nosuch 39 '|Add ip(2001:db8:9::1) failed.'
     common_targets

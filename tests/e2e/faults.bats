@@ -103,8 +103,84 @@ nothing_naps() { ! pgrep -f "$nap\$" >/dev/null && ! pgrep -f "$PWD/tools" >/dev
 	activate [ "\$1" = -a ] || $nap; exec busybox ifconfig "\$@"
 	deactivate [ "\$1" = -a ] || { trap '' TERM; $nap & $nap; }; exec busybox ifconfig "\$@"
 	EOT
-    # While its layout is found out: the kernel is used.
-    tool ifconfig <<<"$nap & $nap"
-    goes '192.0.2.10/24 <ifconfig><timeout>1</timeout></ifconfig>' 0 'veth:0|Success.' "$alias0"
+    # While its layout is found out: the kernel is used. The second one would have an answer, but late.
+    for script in "$nap & $nap" 'sleep 3; exec busybox ifconfig -a'; do
+        tool ifconfig <<<"$script"
+        goes '192.0.2.10/24 <ifconfig><timeout>1</timeout></ifconfig>' 0 'veth:0|Success.' "$alias0"
+        traced 1 'thread timeout nic_cmd_chk.'
+        eventually nothing_naps
+    done
+}
+
+# fault "KIND K": the next runs have this fault
+fault() {
+    [ -n "$QOR_PRELOAD" ] || skip "a sanitizer's build has an allocator of its own"
+    agent=(ip netns exec "$here" env "PATH=$PWD/tools:$PATH" LD_PRELOAD="$QOR_PRELOAD" FAULT="$1" "$QOR_BIN/qorfip")
+}
+
+# The first ones are the configuration's, all alike: one in nine of them.
+@test "no memory, at one allocation after the other: the status is documented, and tells what is there" {
+    ip -n "$here" route add default via 192.0.2.2
+    layout older
+    local k count code
+    while read -r mode parameters; do
+        cluster "fip1 192.0.2.10/24 $parameters"
+        for ((k = 0, count = 0; k <= count; k += k < count - 60 ? 9 : 1)); do
+            fault "malloc $k"
+            code=0
+            "${agent[@]}" "--$mode" -r fip1 -g g1 || code=$?
+            [[ $code =~ ^(0|6|7|8|9|1[0-9]|2[0-3]|3[2-9]|99)$ ]] || fail "$mode without allocation $k: exit $code"
+            if [ "$mode" = deactive ] && [ "$code" -eq 0 ]; then carries ''; fi
+            if [ "$mode" = active ]; then carries "$([ "$code" -ne 0 ] || echo "$alias0")"; fi
+            ip -n "$here" address replace 192.0.2.10/24 brd + dev veth label veth:0
+            [ "$mode" = deactive ] || ip -n "$here" address delete 192.0.2.10/24 dev veth
+            [ "$k" -gt 0 ] || count=$(<exited)
+        done
+    done <<-EOT
+	active <ifconfig><use>1</use></ifconfig><srcip><use>1</use></srcip>
+	active
+	deactive
+	EOT
+}
+
+@test "no socket for the link: the address stays; no right to announce: it is up all the same" {
+    fault 'socket 2' # the first one is for the address
+    cluster 'fip1 192.0.2.10/24 <monmii>1</monmii>'
+    activate 19
+    filed 'g1|fip|fip1||Internal error. (status=19)'
+    carries "$alias0"
+    search "$PATH"
+    deactivate 0
+    agent=(ip netns exec "$here" setpriv --bounding-set -net_raw --inh-caps -net_raw "$QOR_BIN/qorfip")
+    activate 0
+    filed 'g1|fip|fip1|veth:0|Internal error. (status=19)'
+    carries "$alias0"
+}
+
+@test "a worker that cannot be cancelled is left behind, without its command and without exit handlers" {
+    layout older
+    cluster 'fip1 192.0.2.10/24 <ifconfig><timeout>1</timeout></ifconfig>'
+    own_ifconfig <<<"$nap & $nap"
+    cluster 'fip1 192.0.2.10/24 <ifconfig><timeout>1</timeout></ifconfig>'
+    fault cancel
+    activate 23
+    traced 1 'pthread_cancel(fip_cmd_popen) failed. (errno=0,ret=3)'
+    traced 4 'return(ret=23)'
+    [ ! -e exited ]
     eventually nothing_naps
+}
+
+@test "a log that may not grow, and signals that the caller ignores: the run goes on, its commands as ever" {
+    ping_tool <<<'grep SigIgn /proc/$$/status >>ignored; exit 1'
+    cluster 'fip1 192.0.2.10/24 <ping><timeout>1</timeout></ping><check><ping><execute>1</execute></ping></check>'
+    for blocks in 1 3 4 5; do
+        status=0
+        (trap '' HUP PIPE XFSZ; ulimit -f $blocks; "${agent[@]}" --active -r fip1 -g g1) || status=$?
+        carries "$([ "$status" -ne 0 ] || echo "$alias0")"
+        (ulimit -f $blocks; "${agent[@]}" --deactive -r fip1 -g g1)
+        carries ''
+        rm -f home/log/*
+    done
+    # The C library keeps two signals of its own from its children: the highest bits.
+    ! grep -vE '0000000[018][08]0000000$' ignored || fail "$(<ignored)"
 }

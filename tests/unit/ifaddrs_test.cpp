@@ -41,8 +41,12 @@ long __wrap_syscall(long number, long a, long b, long c, long d)
     return rings || number != SYS_io_uring_setup ? __real_syscall(number, a, b, c, d) : -1;
 }
 
-ssize_t __wrap_sendto(int, const void *data, std::size_t size, int, const sockaddr *to, socklen_t tosize)
+ssize_t __wrap_sendto(int fd, const void *data, std::size_t size, int, const sockaddr *to, socklen_t tosize)
 {
+    timeval limit = {};
+    socklen_t limit_size = sizeof(limit);
+    getsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, &limit_size);
+    EXPECT_EQ(limit.tv_sec, 1); // a stuck device does not hang the run
     sent += hex(data, size) + ">" + hex(to, tosize);
     return static_cast<ssize_t>(size) - (sends-- > 0 ? 0 : 1);
 }

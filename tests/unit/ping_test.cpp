@@ -2,6 +2,7 @@
 
 #include "fip/ping.h"
 #include "fip_fixture.h"
+#include "hurry.h"
 
 #include <set>
 
@@ -54,6 +55,19 @@ TEST_F(PingTest, JudgesTool)
         EXPECT_EQ(std::to_string(called.size()) + events, row.at(2));
         EXPECT_EQ(called.count("<-c><0><10.0.0.1>"), called.size());
     }
+}
+
+TEST_F(PingTest, GivesUpTools_ThatDoNotEnd)
+{
+    hurry_ms = 0;
+    EXPECT_EQ(ping("exec sleep 2"),
+              "11 [ping to 10.0.0.1 failed (before system()).] Internal error. (status=11)");
+    char found[MACTEXT_SIZE] = "";
+    EXPECT_EQ(fip_get_macaddr_v4(script("arp", "exec sleep 2").c_str(), "10.0.0.1", found), FIP_ERR_ABNORMAL);
+    hurry_ms = -1;
+    const std::time_t start = std::time(nullptr);
+    fip_pause(2);
+    EXPECT_GT(std::time(nullptr), start);
 }
 
 TEST_F(PingTest, ProbesAllAddresses_OnActivation)

@@ -2,6 +2,17 @@
 
 #include "fip/srcip.h"
 #include "fip_fixture.h"
+#include "hurry.h"
+
+extern "C" {
+FILE *__real_fopen(const char *path, const char *mode);
+
+// A route table that can be opened, but not read.
+FILE *__wrap_fopen(const char *path, const char *mode)
+{
+    return __real_fopen(strcmp(path, "/proc/net/route") == 0 ? "/proc" : path, mode);
+}
+}
 
 using SrcipTest = FipTest;
 
@@ -23,6 +34,20 @@ TEST_F(SrcipTest, ReadsDefaultRoute)
         EXPECT_NE(fip_read_default_route(line.data(), "eth1", gateway, sizeof(gateway)), expected.empty());
         EXPECT_EQ(gateway, expected) << text;
     }
+}
+
+TEST_F(SrcipTest, FailsForCommandThatDoesNotEnd_AndForTableThatCannotBeRead)
+{
+    vdevinfo dev = {};
+    const std::string search = getenv("PATH");
+    setenv("PATH", (home.string() + ":" + search).c_str(), 1);
+    script("ip", "exec true");
+    EXPECT_EQ(outcome(fip_srcip_set(&dev)), "99 [fgets(/proc/net/route) failed. (errno=21)]");
+    script("ip", "exec sleep 2");
+    hurry_ms = 0;
+    EXPECT_EQ(outcome(fip_srcip_set(&dev)).substr(0, 21), "11 [pclose(ip route r");
+    hurry_ms = -1;
+    setenv("PATH", search.c_str(), 1);
 }
 
 TEST_F(SrcipTest, ChecksOtherResources)

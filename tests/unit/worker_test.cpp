@@ -64,7 +64,7 @@ protected:
         int joined = -1;
         const worker_result result = worker_run(
             texts, limits, entry, std::shared_ptr<job>(new job(work), free_job), &endflag, &joined);
-        EXPECT_EQ(joined, result == WORKER_IN_TIME ? 0 : -1);
+        EXPECT_EQ(joined, result == WORKER_IN_TIME || result == WORKER_NO_MEMORY ? 0 : -1);
         return result;
     }
 };
@@ -95,12 +95,28 @@ TEST_F(WorkerTest, TellsWhenItCannotStart)
     EXPECT_TRUE(freed);
 }
 
-TEST_F(WorkerTest, KeepsBlock_ForWorkerThatCannotBeCancelled)
+TEST_F(WorkerTest, TellsThatItRanOutOfMemory)
+{
+    EXPECT_EQ(run({hours_us, 2}, [] { throw std::bad_alloc(); }), WORKER_NO_MEMORY);
+    EXPECT_TRUE(freed);
+}
+
+TEST_F(WorkerTest, KeepsBlock_ForWorkerThatCannotBeCancelled_ButNotItsCommand)
 {
     cancel_error = ESRCH;
     std::atomic<bool> go = false;
-    EXPECT_EQ(run({1000, 2}, [&go] { go.wait(false); }), WORKER_LATE);
+    std::atomic<int> ended = 0;
+    EXPECT_EQ(run({300'000, 2},
+                  [&] {
+                      ended = command_run("sleep 999", COMMAND_NO_LIMIT);
+                      go.wait(false);
+                  }),
+              WORKER_LATE);
     EXPECT_TRUE(worker_left_behind());
+    while (ended == 0) { // for ever, if the command survives
+        usleep(1000);
+    }
+    EXPECT_EQ(ended, SIGKILL);
     EXPECT_FALSE(freed);
     go = true;
     go.notify_one();
