@@ -1,5 +1,7 @@
 #include "command.h"
 
+#include "tracersc.h"
+
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -254,6 +256,34 @@ int command_close(command *cmd)
     const pid_t reaped = reap(cmd->pid, &status);
     cmd->pid = -1;
     return reaped > 0 ? status : -1;
+}
+
+command_result command_judge(int status)
+{
+    if ((status & 0x7f) != 0) {
+        return {command_result::ABNORMAL, errno};
+    }
+    const int code = (status >> 8) & 0xff;
+    return {code != 0 ? command_result::FAILED : command_result::SUCCEEDED, code};
+}
+
+command_result command_close_traced(command *cmd, const char *line, const char *pname, const char *pfunc,
+                                    int success_level)
+{
+    const command_result result = command_judge(command_close(cmd));
+    switch (result.end) {
+    case command_result::ABNORMAL:
+        trace(TRACE_ERROR, pname, __LINE__, pfunc, "pclose(%s) error. (ret=%d,errno=%d)", line, 0,
+              result.code);
+        break;
+    case command_result::FAILED:
+        trace(TRACE_ERROR, pname, __LINE__, pfunc, "%s : failed. (ret=%d)", line, result.code);
+        break;
+    case command_result::SUCCEEDED:
+        trace(success_level, pname, __LINE__, pfunc, "%s : success.", line);
+        break;
+    }
+    return result;
 }
 
 int command_run(const char *line, long limit_ms)

@@ -68,17 +68,20 @@ enum { COMMAND_NO_LIMIT = 0 };
 /// @return its wait status, or -1 with errno when it could not be run
 [[nodiscard]] int command_run(const char *line, long limit_ms);
 
-/// Whether a wait status tells of a normal end: its low seven bits are zero.
-[[nodiscard]] inline bool command_ended(int status)
-{
-    return (status & 0x7f) == 0;
-}
+/// How a command ended.
+struct command_result {
+    enum { SUCCEEDED, FAILED, ABNORMAL } end; ///< ABNORMAL: it could not be run, or a signal ended it
+    int code;                                 ///< FAILED: its exit status; ABNORMAL: errno
+};
 
-/// The exit status in a wait status of a normal end.
-[[nodiscard]] inline int command_status(int status)
-{
-    return (status >> 8) & 0xff;
-}
+/// Judges a wait status, or the -1 in place of one. An end is normal when its low seven bits are zero.
+[[nodiscard]] command_result command_judge(int status);
+
+/// Closes a command, judges its end and tells of it.
+/// @param line           the command, for the trace
+/// @param success_level  of the line that tells of a success; a failure is told at level 1
+[[nodiscard]] command_result command_close_traced(command *cmd, const char *line, const char *pname,
+                                                  const char *pfunc, int success_level);
 
 /// `text` as one literal word of a shell command line: as it is when the shell gives no character of it a
 /// meaning, else quoted.

@@ -1,6 +1,8 @@
 #include "fip.h"
 
+#include "command.h"
 #include "nocancel.h"
+#include "tracersc.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -50,6 +52,27 @@ int fip_internal_error(int code)
 {
     fip_set_message("Internal error. (status=%d)", code);
     return code;
+}
+
+int fip_command_abnormal(const char *line, int error)
+{
+    fip_set_message("Command failed. (%s(%s), errno=%d)", "pclose", line, error);
+    return FIP_ERR_ABNORMAL;
+}
+
+int fip_close_command(const char *self, command *cmd, const char *line)
+{
+    const command_result result = command_close_traced(cmd, line, "src/fip.c", self, TRACE_DEBUG);
+    switch (result.end) {
+    case command_result::ABNORMAL:
+        return fip_command_abnormal(line, result.code);
+    case command_result::FAILED:
+        fip_set_message("Command failed. (%s, ret=%d)", line, result.code);
+        return FIP_ERR_STATUS;
+    case command_result::SUCCEEDED:
+        break;
+    }
+    return FIP_SUCCESS;
 }
 
 int fip_run_bounded(const worker_texts &texts, const FIP_INFO &info, worker_entry entry,

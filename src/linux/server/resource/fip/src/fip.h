@@ -172,6 +172,15 @@ template <class Job>
     }
 }
 
+struct command;
+
+/// Closes a command on behalf of the function `self`, and tells how it ended.
+/// @return 0; FIP_ERR_ABNORMAL or FIP_ERR_STATUS, with a result message
+[[nodiscard]] int fip_close_command(const char *self, command *cmd, const char *line);
+
+/// Puts into the result message that a command could not be run to its end. @return FIP_ERR_ABNORMAL
+int fip_command_abnormal(const char *line, int error);
+
 /// Runs a worker that waits for a command, within the resource's time-out.
 /// @return 0 when it ended in time; FIP_ERR_THREAD, FIP_ERR_TIMEOUT or FIP_ERR_MEMORY, with a result message
 [[nodiscard]] int fip_run_bounded(const worker_texts &texts, const FIP_INFO &info, worker_entry entry,

@@ -36,15 +36,16 @@ constexpr char separators[] = " \t\n";
 /// Looks for ifconfig on the search path. 0, NIC_ERR_WHICH or NIC_ERR_ABSENT.
 int find_ifconfig(const char *self)
 {
-    const int status = command_run(which_command, COMMAND_NO_LIMIT);
-    if (!command_ended(status)) {
+    const command_result result = command_judge(command_run(which_command, COMMAND_NO_LIMIT));
+    switch (result.end) {
+    case command_result::ABNORMAL:
         TRACE_AS(self, TRACE_ERROR, "system(%s) failed. (ret=%d)", which_command, 0);
         return NIC_ERR_WHICH;
-    }
-    if (command_status(status) != 0) {
-        TRACE_AS(self, TRACE_ERROR, "%s failed,ifconfig does not exist.(ret=%d)", which_command,
-                 command_status(status));
+    case command_result::FAILED:
+        TRACE_AS(self, TRACE_ERROR, "%s failed,ifconfig does not exist.(ret=%d)", which_command, result.code);
         return NIC_ERR_ABSENT;
+    case command_result::SUCCEEDED:
+        break;
     }
     TRACE_AS(self, TRACE_INFO, "%s succeeded.", which_command);
     return NIC_SUCCESS;
@@ -62,18 +63,6 @@ nic_layout read_layout(command *cmd)
         }
     }
     return NIC_LAYOUT_OPEN;
-}
-
-void close_ifconfig(const char *self, command *cmd)
-{
-    const int status = command_close(cmd);
-    if (!command_ended(status)) {
-        TRACE_AS(self, TRACE_ERROR, "pclose(%s) error. (ret=%d,errno=%d)", ifconfig_command, 0, errno);
-    } else if (command_status(status) != 0) {
-        TRACE_AS(self, TRACE_ERROR, "%s : failed. (ret=%d)", ifconfig_command, command_status(status));
-    } else {
-        TRACE_AS(self, TRACE_DEBUG, "%s : success.", ifconfig_command);
-    }
 }
 
 int detect(const char *self)
@@ -96,7 +85,8 @@ int detect(const char *self)
         TRACE_AS(self, TRACE_INFO, "parsing failed,the format of %s is the same as RHEL 7.",
                  ifconfig_command);
     }
-    close_ifconfig(self, &cmd);
+    // Enough of the output was read to decide, whatever became of the command.
+    static_cast<void>(command_close_traced(&cmd, ifconfig_command, trace_source, self, TRACE_DEBUG));
     return older ? NIC_SUCCESS : NIC_ERR_LAYOUT;
 }
 

@@ -179,28 +179,11 @@ int read_output(command *cmd, inventory_reader *reader)
     return FIP_SUCCESS;
 }
 
-/// The command was not run, or did not end normally.
-int abnormal_end(const char *cmdpath, int err)
+/// The command's text is too long to be run whole: that counts as a command that did not end normally.
+int refuse_command(const char *cmdpath)
 {
-    TRACE_AS(self, TRACE_ERROR, "pclose(%s) error. (ret=%d,errno=%d)", cmdpath, 0, err);
-    fip_set_message("Command failed. (%s(%s), errno=%d)", "pclose", cmdpath, err);
-    return FIP_ERR_ABNORMAL;
-}
-
-/// Waits for the command and judges how it ended.
-int close_output(command *cmd, const char *cmdpath)
-{
-    const int status = command_close(cmd);
-    if (!command_ended(status)) {
-        return abnormal_end(cmdpath, errno);
-    }
-    if (command_status(status) != 0) {
-        TRACE_AS(self, TRACE_ERROR, "%s : failed. (ret=%d)", cmdpath, command_status(status));
-        fip_set_message("Command failed. (%s, ret=%d)", cmdpath, command_status(status));
-        return FIP_ERR_STATUS;
-    }
-    TRACE_AS(self, TRACE_DEBUG, "%s : success.", cmdpath);
-    return FIP_SUCCESS;
+    TRACE_AS(self, TRACE_ERROR, "pclose(%s) error. (ret=%d,errno=%d)", cmdpath, 0, ENAMETOOLONG);
+    return fip_command_abnormal(cmdpath, ENAMETOOLONG);
 }
 
 /// Runs the bounded worker and takes its results.
@@ -218,7 +201,7 @@ int inventory_by_command(ipaddrinfo **ipaddrlist, int *num, const FIP_INFO *pfip
         delete owned;
     });
     if (!copy_text(block->cmdpath, shell_word(pfipinfo->ifconfcmd).c_str())) {
-        return abnormal_end(block->cmdpath, ENAMETOOLONG);
+        return refuse_command(block->cmdpath);
     }
     const int ret = fip_run_bounded(texts, *pfipinfo, fip_cmd_popen, block, &ifconfthend);
     if (ret != FIP_SUCCESS) {
@@ -319,7 +302,7 @@ int fip_get_ipaddrlist(ipaddrinfo **ipaddrlist, int *num, char *cmdpath)
     static constexpr char option[] = " -a";
     const std::size_t len = strlen(cmdpath);
     if (len + sizeof(option) > FIP_PATH_SIZE) {
-        return abnormal_end(cmdpath, ENAMETOOLONG);
+        return refuse_command(cmdpath);
     }
     copy_text(cmdpath + len, FIP_PATH_SIZE - len, option);
 
@@ -332,7 +315,7 @@ int fip_get_ipaddrlist(ipaddrinfo **ipaddrlist, int *num, char *cmdpath)
     inventory_reader reader;
     int ret = read_output(&cmd, &reader);
     if (ret == FIP_SUCCESS) {
-        ret = close_output(&cmd, cmdpath);
+        ret = fip_close_command(__func__, &cmd, cmdpath);
     }
     if (ret != FIP_SUCCESS) {
         return ret;

@@ -64,16 +64,20 @@ int change_by_command(const char *self, const std::shared_ptr<IP_CMD_INFO> &bloc
 void *fip_cmd_system(void *parg)
 {
     auto *block = static_cast<IP_CMD_INFO *>(parg);
-    const int status = command_run(block->cmdpath, COMMAND_NO_LIMIT);
-    if (!command_ended(status)) {
+    const command_result result = command_judge(command_run(block->cmdpath, COMMAND_NO_LIMIT));
+    switch (result.end) {
+    case command_result::ABNORMAL:
         TRACE(TRACE_ERROR, "system(%s) failed. (ret=%d)", block->cmdpath, 0);
         block->ret = fip_internal_error(FIP_ERR_ABNORMAL);
-    } else if (command_status(status) != 0) {
-        TRACE(TRACE_ERROR, "%s failed. (ret=%d)", block->cmdpath, command_status(status));
+        break;
+    case command_result::FAILED:
+        TRACE(TRACE_ERROR, "%s failed. (ret=%d)", block->cmdpath, result.code);
         block->ret = fip_internal_error(FIP_ERR_STATUS);
-    } else {
+        break;
+    case command_result::SUCCEEDED:
         TRACE(TRACE_INFO, "%s succeeded.", block->cmdpath);
         block->ret = FIP_SUCCESS;
+        break;
     }
     actthend = 1;
     return nullptr;

@@ -243,19 +243,10 @@ int fip_get_macaddr_v4(const char *cmdpath, const char *ipaddr, char *macaddr)
     while (!found && command_read_line(&cmd, text, sizeof(text), nullptr) > 0) {
         found = fip_find_macaddr(text, macaddr, MACTEXT_SIZE);
     }
-    const int status = command_close(&cmd);
-    if (!command_ended(status)) {
-        const int err = errno;
-        TRACE(TRACE_ERROR, "pclose(%s) error. (ret=%d,errno=%d)", line, 0, err);
-        fip_set_message("Command failed. (%s(%s), errno=%d)", "pclose", line, err);
-        return FIP_ERR_ABNORMAL;
+    const int ret = fip_close_command(__func__, &cmd, line);
+    if (ret != FIP_SUCCESS) {
+        return ret;
     }
-    if (command_status(status) != 0) {
-        TRACE(TRACE_ERROR, "%s : failed. (ret=%d)", line, command_status(status));
-        fip_set_message("Command failed. (%s, ret=%d)", line, command_status(status));
-        return FIP_ERR_STATUS;
-    }
-    TRACE(TRACE_DEBUG, "%s : success.", line);
     return found ? FIP_SUCCESS : FIP_ERR_NOMAC;
 }
 
@@ -275,11 +266,12 @@ int fip_chk_ip_response(PIP_INFO pip)
                     info.pingtout, shell_word(pip->addr).c_str());
     TRACE(TRACE_INFO, "system(%s)...", line);
     const int status = whole ? command_run(line, std::max(info.pingtout, 0) * 1000L + tool_grace_ms) : -1;
-    if (!command_ended(status)) {
+    const command_result result = command_judge(status);
+    if (result.end == command_result::ABNORMAL) {
         TRACE(TRACE_ERROR, "ping to %s failed (before system()).", pip->addr);
         return FIP_ERR_ABNORMAL;
     }
-    switch (command_status(status)) {
+    switch (result.code) {
     case tool_silent:
         return FIP_SUCCESS;
     case tool_answered:

@@ -162,16 +162,14 @@ int replace_route(const char *line)
         return FIP_ERR_POPEN;
     }
     TRACE_AS(set_name, TRACE_DEBUG, "popen(%s, r) succeeded.", line);
-    const int status = command_close(&cmd);
-    if (!command_ended(status)) {
-        TRACE_AS(set_name, TRACE_ERROR, "pclose(%s) error. (ret=%d,errno=%d)", line, 0, errno);
+    switch (command_close_traced(&cmd, line, trace_source, set_name, TRACE_INFO).end) {
+    case command_result::ABNORMAL:
         return FIP_ERR_ABNORMAL;
-    }
-    if (command_status(status) != 0) {
-        TRACE_AS(set_name, TRACE_ERROR, "%s : failed. (ret=%d)", line, command_status(status));
+    case command_result::FAILED:
         return FIP_ERR_INTERNAL;
+    case command_result::SUCCEEDED:
+        break;
     }
-    TRACE_AS(set_name, TRACE_INFO, "%s : success.", line);
     return FIP_SUCCESS;
 }
 
