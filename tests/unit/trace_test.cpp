@@ -1,6 +1,7 @@
 // The trace log, as its callers see it.
 
 #include "fip/log.h"
+#include "tracersc_more.h"
 #include "fip_fixture.h"
 
 using TraceTest = FipTest;
