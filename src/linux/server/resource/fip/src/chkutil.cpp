@@ -1,13 +1,12 @@
 #include "chkutil.h"
 
 #include "chklog.h"
-#include "heap.h"
+#include "name_list.h"
 #include "text.h"
 #include "tracersc.h"
 
 #include "qorxml.h"
 
-#include <cerrno>
 #include <cstddef>
 
 namespace
@@ -23,43 +22,26 @@ enum { VALUE_SIZE = 1024, PATH_SIZE = 1024 };
 /// Type tags of the policy's bounds.
 enum { TAG_BOUNDS = 1, TAG_FLAG = 2, TAG_SWITCH = 3 };
 
-/// The cluster's servers, one name per slot.
-struct server_list {
-    heap_array<char> names;
-    int num = 0;
-
-    const char *name(int i) const { return &names[static_cast<std::size_t>(i) * QOR_XML_NAME_SLOT]; }
-};
-
-int list_servers(server_list *servers)
+int list_servers(name_list *servers)
 {
-    int size = 0;
-    int ret = xmllib_enum_value(server_path, nullptr, &size);
+    static constexpr name_list_texts texts = {trace_source, property_name, "svnum", "servers", false};
+    int ret = 0;
+    switch (read_name_list(texts, server_path, servers, &ret)) {
+    case NAMES_READ:
+    case NAMES_NONE:
+        return CHK_PASSED;
+    case NAMES_NO_MEMORY:
+    case NAMES_UNREADABLE:
+        return CHK_UNREADABLE;
+    case NAMES_UNKNOWN:
+        break;
+    }
     if (ret == QOR_XMLERR_NOTEXIST_PATH) {
         TRACE_AS(property_name, TRACE_ERROR, "There is no server.");
         return CHK_PASSED;
     }
-    if (ret != QOR_XMLERR_SUCCESS && ret != QOR_XMLERR_NOTENOUGH_SIZE) {
-        TRACE_AS(property_name, TRACE_ERROR, "xmllib_enum_value(%s) failed. (ret=%d)", server_path, ret);
-        return CHK_UNREADABLE;
-    }
-    const int svnum = size / QOR_XML_NAME_SLOT;
-    TRACE_AS(property_name, TRACE_DEBUG, "svnum=%d", svnum);
-    if (svnum == 0) {
-        return CHK_PASSED;
-    }
-    servers->names = heap_zeroed<char>(static_cast<std::size_t>(size));
-    if (!servers->names) {
-        TRACE_AS(property_name, TRACE_ERROR, "malloc(%d) (*servers) failed. (errno=%d)", size, errno);
-        return CHK_UNREADABLE;
-    }
-    ret = xmllib_enum_value(server_path, servers->names.get(), &size);
-    if (ret != QOR_XMLERR_SUCCESS) {
-        TRACE_AS(property_name, TRACE_ERROR, "xmllib_enum_value(%s) failed. (ret=%d)", server_path, ret);
-        return CHK_UNREADABLE;
-    }
-    servers->num = svnum;
-    return CHK_PASSED;
+    TRACE_AS(property_name, TRACE_ERROR, "xmllib_enum_value(%s) failed. (ret=%d)", server_path, ret);
+    return CHK_UNREADABLE;
 }
 
 int unreadable(const char *func, const char *path, int type, int ret)
@@ -69,10 +51,10 @@ int unreadable(const char *func, const char *path, int type, int ret)
 }
 
 /// Checks the value that a property has for one server.
-int check_special(const char *rscname, const property &prop, const server_list &servers, int server)
+int check_special(const char *rscname, const property &prop, const name_list &servers, int server)
 {
     char path[PATH_SIZE];
-    format_path(path, prop.specialpath, rscname, servers.name(server));
+    format_path(path, prop.specialpath, rscname, servers[server]);
     char value[VALUE_SIZE] = "";
     int size = prop.size;
     const int ret = xmllib_get_value(path, prop.type, value, &size);
@@ -86,7 +68,7 @@ int check_special(const char *rscname, const property &prop, const server_list &
 }
 
 /// Checks one property, its common value first.
-int check_property(const char *rscname, const property &prop, const server_list &servers)
+int check_property(const char *rscname, const property &prop, const name_list &servers)
 {
     char path[PATH_SIZE];
     format_path(path, prop.commonpath, rscname, "");
@@ -174,7 +156,7 @@ int check_numeric_value(const char *rscname, const numeric_param &param, int ind
 
 int check_properties(const char *rscname, const property *properties, int num)
 {
-    server_list servers;
+    name_list servers;
     int result = list_servers(&servers);
     for (int i = 0; i < num && result != CHK_UNREADABLE; ++i) {
         const int checked = check_property(rscname, properties[i], servers);

@@ -2,6 +2,7 @@
 
 #include "../command.h"
 #include "../heap.h"
+#include "../name_list.h"
 #include "../text.h"
 #include "inventory.h"
 #include "source.h"
@@ -27,8 +28,7 @@ constexpr int tool_silent = 1;
 
 /// The addresses that a resource has on all servers, ready to be probed.
 struct address_list {
-    heap_array<char> servers; ///< names, one per slot
-    int svnum = 0;
+    name_list servers;
     heap_array<IP_INFO> pips; ///< the common address, then each server's
     int ipnum = 0;
 };
@@ -39,46 +39,25 @@ int probe_only(const FIP_INFO &info, int level)
     return -1;
 }
 
-/// Allocates zeroed memory and tells of it. `called` is what a failure calls it, `name` what a success does.
-template <class T>
-heap_array<T> allocate(int bytes, const char *name, const char *called)
-{
-    heap_array<T> memory = heap_zeroed<T>(static_cast<std::size_t>(bytes));
-    if (!memory) {
-        TRACE_AS("fip_ping", TRACE_ERROR, "malloc(%d) (%s) failed. (errno=%d)", bytes, called, errno);
-    } else {
-        TRACE_AS("fip_ping", TRACE_DEBUG, "malloc(%d) (%s) success.", bytes, name);
-    }
-    return memory;
-}
-
 /// Lists the servers of the resource. 0, or -1 when only the resource's own address is to be probed.
 int list_servers(const FIP_INFO &info, address_list *list)
 {
-    constexpr char self[] = "fip_ping";
+    static constexpr name_list_texts texts = {trace_source, "fip_ping", "svnum", "servers", true};
     char path[FIP_PATH_SIZE];
-    snprintf(path, sizeof(path), "/root/resource/fip@%s/server", info.rscname);
-    int size = 0;
-    int ret = xmllib_enum_value(path, nullptr, &size);
-    if (ret != QOR_XMLERR_SUCCESS && ret != QOR_XMLERR_NOTENOUGH_SIZE) {
-        TRACE_AS(self, TRACE_DEBUG, "xmllib_enum_value(%s) failed. (ret=%d)", path, ret);
+    format_text(path, sizeof(path), "/root/resource/fip@%s/server", info.rscname);
+    int ret = 0;
+    switch (read_name_list(texts, path, &list->servers, &ret)) {
+    case NAMES_READ:
+        return 0;
+    case NAMES_UNKNOWN:
+        TRACE_AS("fip_ping", TRACE_DEBUG, "xmllib_enum_value(%s) failed. (ret=%d)", path, ret);
         return probe_only(info, TRACE_INFO);
+    case NAMES_NONE:
+    case NAMES_NO_MEMORY:
+    case NAMES_UNREADABLE:
+        break;
     }
-    list->svnum = size / QOR_XML_NAME_SLOT;
-    TRACE_AS(self, TRACE_DEBUG, "svnum=%d", list->svnum);
-    if (list->svnum <= 0) {
-        return probe_only(info, TRACE_WARNING);
-    }
-    list->servers = allocate<char>(size, "servers", "*servers");
-    if (!list->servers) {
-        return probe_only(info, TRACE_WARNING);
-    }
-    ret = xmllib_enum_value(path, list->servers.get(), &size);
-    if (ret != QOR_XMLERR_SUCCESS) {
-        TRACE_AS(self, TRACE_ERROR, "xmllib_enum_value(%s) failed. (ret=%d)", path, ret);
-        return probe_only(info, TRACE_WARNING);
-    }
-    return 0;
+    return probe_only(info, TRACE_WARNING);
 }
 
 /// Reads one address of the resource into its block. An address that is too long for one fails as a read.
@@ -104,20 +83,22 @@ int list_addresses(FIP_INFO *info, address_list *list)
     if (list_servers(*info, list) != 0) {
         return -1;
     }
-    list->ipnum = list->svnum + 1;
+    list->ipnum = list->servers.num + 1;
     TRACE_AS("fip_ping", TRACE_INFO, "ipnum=%d", list->ipnum);
-    list->pips = allocate<IP_INFO>(list->ipnum * static_cast<int>(sizeof(IP_INFO)), "pips", "*pips");
+    const auto bytes = static_cast<std::size_t>(list->ipnum) * sizeof(IP_INFO);
+    list->pips = heap_zeroed<IP_INFO>(bytes);
     if (!list->pips) {
+        TRACE_AS("fip_ping", TRACE_ERROR, "malloc(%zu) (*pips) failed. (errno=%d)", bytes, errno);
         return probe_only(*info, TRACE_WARNING);
     }
+    TRACE_AS("fip_ping", TRACE_DEBUG, "malloc(%zu) (pips) success.", bytes);
     for (int i = 0; i < list->ipnum; ++i) {
         char path[FIP_PATH_SIZE];
         if (i == 0) {
             format_text(path, sizeof(path), "/root/resource/fip@%s/parameters/ip", info->rscname);
         } else {
-            const char *server = &list->servers[static_cast<std::size_t>(i - 1) * QOR_XML_NAME_SLOT];
             format_text(path, sizeof(path), "/root/resource/fip@%s/server@%s/parameters/ip", info->rscname,
-                        server);
+                        list->servers[i - 1]);
         }
         if (read_address(path, info, &list->pips[static_cast<std::size_t>(i)]) != QOR_XMLERR_SUCCESS) {
             return probe_only(*info, TRACE_WARNING);
@@ -351,7 +332,7 @@ int fip_ping(FIP_INFO *pinfo)
         address_list list;
         if (list_addresses(pinfo, &list) == 0) {
             const int ret = probe(list.pips.get(), list.ipnum);
-            list.servers.reset();
+            list.servers.slots.reset();
             TRACE(TRACE_DEBUG, "free(servers) success.");
             list.pips.reset();
             TRACE(TRACE_DEBUG, "free(pips) success.");

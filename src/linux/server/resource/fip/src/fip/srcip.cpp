@@ -2,7 +2,7 @@
 
 #include "../command.h"
 #include "../fip.h"
-#include "../heap.h"
+#include "../name_list.h"
 #include "../text.h"
 #include "../value.h"
 #include "config.h"
@@ -30,36 +30,25 @@ constexpr char route_table[] = "/proc/net/route";
 /// What an ip command may take before it is ended.
 constexpr long ip_limit_ms = 10'000;
 
-/// Names of the configured resources, one per slot of QOR_XML_NAME_SLOT bytes.
-using name_list = heap_array<char>;
-
-int list_resources(name_list *resources, int *rscnum)
+int list_resources(name_list *resources)
 {
-    int size = 0;
-    int ret = xmllib_enum_value(resource_path, nullptr, &size);
-    // No floating-IP resource at all is told apart from a list that cannot be read.
-    if (ret != QOR_XMLERR_SUCCESS && ret != QOR_XMLERR_NOTENOUGH_SIZE) {
+    static constexpr name_list_texts texts = {trace_source, check_name, "rscnum", "resources", true};
+    int ret = 0;
+    switch (read_name_list(texts, resource_path, resources, &ret)) {
+    case NAMES_READ:
+        return FIP_SUCCESS;
+    case NAMES_UNKNOWN:
         TRACE_AS(check_name, TRACE_ERROR, "xmllib_enum_value(%s) failed. (ret=%d)", resource_path, ret);
         return FIP_ERR_INTERNAL;
-    }
-    *rscnum = size / QOR_XML_NAME_SLOT;
-    TRACE_AS(check_name, TRACE_DEBUG, "rscnum=%d", *rscnum);
-    if (*rscnum <= 0) {
+    case NAMES_NONE: // told apart from a list that cannot be read
         TRACE_AS(check_name, TRACE_ERROR, "fip does not exist.");
         return FIP_ERR_NORSC;
-    }
-    *resources = heap_zeroed<char>(static_cast<std::size_t>(size));
-    if (!*resources) {
-        TRACE_AS(check_name, TRACE_ERROR, "malloc(%d) (*resources) failed. (errno=%d)", size, errno);
+    case NAMES_NO_MEMORY:
         return FIP_ERR_MEMORY;
+    case NAMES_UNREADABLE:
+        break;
     }
-    TRACE_AS(check_name, TRACE_DEBUG, "malloc(%d) (resources) success.", size);
-    ret = xmllib_enum_value(resource_path, resources->get(), &size);
-    if (ret != QOR_XMLERR_SUCCESS) {
-        TRACE_AS(check_name, TRACE_ERROR, "xmllib_enum_value(%s) failed. (ret=%d)", resource_path, ret);
-        return FIP_ERR_INTERNAL;
-    }
-    return FIP_SUCCESS;
+    return FIP_ERR_INTERNAL;
 }
 
 /// Reads whether a resource uses source routing.
@@ -135,13 +124,13 @@ int check_resource(const ipaddrinfo *rows, int num, const char *ifname, const ch
 }
 
 int check_resources(const ipaddrinfo *rows, int num, const char *ifname, const char *rscname,
-                    const char *resources, int rscnum)
+                    const name_list &resources)
 {
     if (fip_xml_load_policy(check_name, "fip") != QOR_XMLERR_SUCCESS) {
         return FIP_ERR_POLICY;
     }
-    for (int i = 0; i < rscnum; ++i) {
-        const char *resource = resources + static_cast<std::size_t>(i) * QOR_XML_NAME_SLOT;
+    for (int i = 0; i < resources.num; ++i) {
+        const char *resource = resources[i];
         if (strcmp(resource, rscname) == 0) {
             continue;
         }
@@ -245,12 +234,11 @@ int fip_srcip_check(const ipaddrinfo *ipaddrlist, int ipaddrnum, const vdevinfo 
     TRACE(TRACE_DEBUG, "pvifname=%s", ifname);
 
     name_list resources;
-    int rscnum = 0;
-    int ret = list_resources(&resources, &rscnum);
+    int ret = list_resources(&resources);
     if (ret == FIP_SUCCESS) {
-        ret = check_resources(ipaddrlist, ipaddrnum, ifname, rscname, resources.get(), rscnum);
+        ret = check_resources(ipaddrlist, ipaddrnum, ifname, rscname, resources);
     }
-    resources.reset();
+    resources.slots.reset();
     TRACE(TRACE_DEBUG, "free(resources) success.");
     fip_xml_unload_policy(__func__, "fip");
     return ret;
