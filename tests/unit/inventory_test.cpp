@@ -60,6 +60,7 @@ TEST_F(InventoryTest, ReadsOlderLayout)
         {false, "ib0 HWADDR " + ib + "\n", "0; ib0   0 " + ib + " 80000048fe800000000000000002c903000e0f11"},
         {false, "a inet Mask:255.0.0.0 addr:1.2.3.4\n HWaddr 1FF:2:3:4:5:6\n",
          "0; a  255.0.0.0 0 1FF:2:3:4:5:6 ff0203040506"},
+        {true, "a inet6 addr: fd00::1/16%a:1\n", "0; a fd00::1 ffff:: 16  "},
         {true, "a inet6 addr:  ::1/8\n inet6 fe80::1/64\n inet6 addr:\n", "0; a   0  "},
         {false, "eth0 HWaddr 01:02:03:04:05:06:07:08\n", bad_mac},
         {true, "eth0\n inet6 addr: fe80::1/129\n", "31 [over max mask bit num.(mask bit=129)]"},
@@ -78,6 +79,7 @@ TEST_F(InventoryTest, ReadsOlderLayout)
         write("output", output);
         EXPECT_EQ(take("cat $HERE/output", v6), expected) << output;
     }
+    EXPECT_EQ(fullnotation, 0); // what an interface carries says nothing of the run's own address
 }
 
 TEST_F(InventoryTest, JudgesHowCommandEnds)

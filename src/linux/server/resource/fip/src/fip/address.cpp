@@ -56,12 +56,11 @@ int check_alias(const char *alias)
         TRACE_AS(self, TRACE_ERROR, "over max IP alias num.(alias=%d)", number);
         return FIP_ERR_IFNAME;
     }
-    fullnotation = 1;
     return FIP_SUCCESS;
 }
 
-/// Checks the interface piece and copies it, alias included.
-int take_ifname(const char *piece, char *ifname)
+/// Checks the interface piece and copies it, alias included. *aliased tells of a good alias.
+int take_ifname(const char *piece, char *ifname, bool *aliased)
 {
     if (strlen(piece) >= ifname_size) {
         return refuse_ifname("Interface name is too long.");
@@ -76,7 +75,12 @@ int take_ifname(const char *piece, char *ifname)
     if (has_white_space(piece)) {
         return refuse_ifname("Interface name is invalid.");
     }
-    return piece[base] == ':' ? check_alias(piece + base + 1) : FIP_SUCCESS;
+    if (piece[base] != ':') {
+        return FIP_SUCCESS;
+    }
+    const int ret = check_alias(piece + base + 1);
+    *aliased = ret == FIP_SUCCESS;
+    return ret;
 }
 
 void write_mask(int bits, char *mask, std::size_t size)
@@ -132,6 +136,16 @@ int fip_ipck(const char *paddr)
 
 int fip_div_ipmask(const char *addrbuf, char *addr, char *mask, int *masklen, char *ifname)
 {
+    bool aliased = false;
+    const int ret = fip_split_address(addrbuf, addr, mask, masklen, ifname, &aliased);
+    if (aliased) {
+        fullnotation = 1;
+    }
+    return ret;
+}
+
+int fip_split_address(const char *addrbuf, char *addr, char *mask, int *masklen, char *ifname, bool *aliased)
+{
     const char *slash = strchr(addrbuf, '/');
     const char *separator = slash != nullptr ? slash : addrbuf + strcspn(addrbuf, "%");
     const auto addr_len = static_cast<std::size_t>(separator - addrbuf);
@@ -146,21 +160,21 @@ int fip_div_ipmask(const char *addrbuf, char *addr, char *mask, int *masklen, ch
         return refuse_address();
     }
     if (*separator == '%') {
-        return take_ifname(separator + 1, ifname);
+        return take_ifname(separator + 1, ifname, aliased);
     }
 
     const char *piece = separator + 1;
     const std::size_t mask_len = strcspn(piece, "%");
     if (piece[mask_len] == '%') {
         // The interface piece is judged before the mask, so that a wrong one of both is told first.
-        const int ret = take_ifname(piece + mask_len + 1, ifname);
+        const int ret = take_ifname(piece + mask_len + 1, ifname, aliased);
         if (ret != FIP_SUCCESS) {
             return ret;
         }
     }
     char masktext[masktext_size];
     if (!copy_part(masktext, piece, mask_len)) {
-        TRACE(TRACE_ERROR, "Mask is invalid.(mask=%.*s)", static_cast<int>(mask_len), piece);
+        TRACE_AS(self, TRACE_ERROR, "Mask is invalid.(mask=%.*s)", static_cast<int>(mask_len), piece);
         return FIP_ERR_MASK;
     }
     return take_mask(masktext, mask, masklen);

@@ -2,6 +2,8 @@
 #ifndef FIP_ADDRESS_H
 #define FIP_ADDRESS_H
 
+#include "../fip.h"
+
 /// Tells an address text's family and sets ipv6flag by it. @return 0, always
 int fip_ipck(const char *paddr);
 
@@ -16,5 +18,26 @@ int fip_ipck(const char *paddr);
 /// @return 0; FIP_ERR_IPFORMAT, FIP_ERR_IFNAME, FIP_ERR_MASK for the piece that is wrong, too long for its
 ///         field, a negative number, or an interface with white space in its name
 [[nodiscard]] int fip_div_ipmask(const char *addrbuf, char *addr, char *mask, int *masklen, char *ifname);
+
+/// The same without an effect on the run's mode: for an address that is not the run's own.
+/// @param aliased  set when the text names an alias
+[[nodiscard]] int fip_split_address(const char *addrbuf, char *addr, char *mask, int *masklen, char *ifname,
+                                    bool *aliased);
+
+/// Keeps the run's mode (ipv6flag, fullnotation) for the length of a scope, whatever addresses are taken
+/// apart in it.
+struct run_mode_scope {
+    run_mode_scope() = default;
+    ~run_mode_scope()
+    {
+        ipv6flag = family;
+        fullnotation = notation;
+    }
+    run_mode_scope(const run_mode_scope &) = delete;
+    run_mode_scope &operator=(const run_mode_scope &) = delete;
+
+    const int family = ipv6flag;
+    const int notation = fullnotation;
+};
 
 #endif

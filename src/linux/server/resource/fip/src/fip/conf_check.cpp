@@ -201,6 +201,7 @@ int fip_fipaddr_check(const char *address)
 {
     TRACE(TRACE_DEBUG, "fip_fipaddr_check()  ENTRY...");
     assert(address != nullptr);
+    const run_mode_scope kept; // a draft's address is not the run's
     fip_ipck(address);
     FIP_INFO info = {};
     const int ret = fip_div_ipmask(address, info.addr, info.mask, &info.masklen, info.ifname);

@@ -95,7 +95,9 @@ int take_ipv6(inventory_reader *reader, const char *token)
         memcpy(row->macaddr, before->macaddr, sizeof(row->macaddr));
     }
     ipaddrinfo *row = last_row(*reader);
-    const int ret = fip_div_ipmask(token, row->sipel.addr, row->sipel.mask, &row->sipel.masklen, nullptr);
+    bool aliased = false;
+    const int ret =
+        fip_split_address(token, row->sipel.addr, row->sipel.mask, &row->sipel.masklen, nullptr, &aliased);
     if (ret != FIP_SUCCESS) {
         TRACE_AS(self, TRACE_ERROR, "fip_div_ipmask failed. (ret=%d)", ret);
         return ret;
