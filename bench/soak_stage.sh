@@ -1,7 +1,7 @@
-# What the fault campaign (soak.sh) plays on: the suite home, the tools that misbehave, the two network
+# What the fault campaigns (soak.sh, points.sh) play on: the suite home, the tools that misbehave, the two network
 # namespaces, and the faults that come from outside the agent.
 #
-# shellcheck shell=bash disable=SC2034,SC2154 # the two files share their variables
+# shellcheck shell=bash disable=SC2034,SC2154 # the files share their variables
 
 disk=512 # KiB under the log
 hang=15  # seconds that a tool hangs: longer than every limit that the agent sets
@@ -9,13 +9,13 @@ own='192.0.2.1 198.51.100.1 2001:db8::1'
 
 # NAME ADDRESS OPTIONS; i: changed by the ifconfig command where its layout is the older one; p: ping first;
 # q: ping after the removal; m: look at the link; s: source of the routes.
-resources='fip1 192.0.2.101/24 p            fip2 192.0.2.102/24 iq             fip3 192.0.2.103/24 m
+resources=${resources:-'fip1 192.0.2.101/24 p            fip2 192.0.2.102/24 iq             fip3 192.0.2.103/24 m
     fip4 192.0.2.104 i                      fip5 192.0.2.105/24%veth -         fip6 192.0.2.106/24%veth m
     fip7 192.0.2.107/24%veth:107 p          fip8 192.0.2.108/24%veth:108 -     fip9 203.0.113.9/24%veth:109 i
     fip10 203.0.113.10/24%veth:110 i        fip11 192.0.2.111/24 ipm           fip12 192.0.2.112/24 iq
     fip13 192.0.2.113/24%veth:113 im        fip14 2001:db8::14/64 ip           fip15 2001:db8::15/64%veth iq
     fip16 2001:db8::16 m                    fip17 2001:db8::17/64%veth:7 -     fip18 192.0.2.118/25 i
-    fip19 198.51.100.19/24 ips              fip20 198.51.100.20/24%side:120 s  probe 192.0.2.250/24 -'
+    fip19 198.51.100.19/24 ips              fip20 198.51.100.20/24%side:120 s  probe 192.0.2.250/24 -'}
 declare -A argument address options known
 names=()
 while read -r name text letters; do
@@ -25,6 +25,11 @@ while read -r name text letters; do
 done < <(xargs -n 3 <<<"$resources")
 
 make_home() {
+    make_configuration
+    mount -t tmpfs -o "size=${disk}k,mode=755" soak "$home/log"
+    ln -s "$tools/tool" "$home/bin/qorping"
+}
+make_configuration() {
     local name letter
     declare -A parameters=(
         [i]='<ifconfig><use>0</use></ifconfig>' [p]='<ping><timeout>1</timeout></ping>' [m]='<monmii>1</monmii>'
@@ -33,8 +38,6 @@ make_home() {
     chmod 755 "$work"
     cp -r etc "$home/etc"
     chmod -R go-w "$home"
-    mount -t tmpfs -o "size=${disk}k,mode=755" soak "$home/log"
-    ln -s "$tools/tool" "$home/bin/qorping"
     sed -i "s|/opt/qor|$home|" "$home/etc/policy/all.xml"
     sed -i -e 's|<level>.*<|<level>8<|; s|<size>.*<|<size>150000<|' \
         -e '/<ifconfig>/,/<\/ifconfig>/ { s|<timeout>.*<|<timeout>1<|; s|<use>.*<|<use>1<| }' \
@@ -44,7 +47,7 @@ make_home() {
     {
         echo '<root><resource>'
         for name in "${!argument[@]}"; do
-            echo "<fip name='$name'><parameters><ip>${argument[$name]}</ip>"
+            echo "<fip name='$name'><comment>soak</comment><parameters><ip>${argument[$name]}</ip>"
             while read -rn 1 letter; do echo "${parameters[${letter:--}]}"; done <<<"${options[$name]}"
             echo '</parameters></fip>'
         done
@@ -107,9 +110,7 @@ make_network() {
 	link add side type veth peer name side netns $peer
 	link set veth up
 	link set side up
-	address add 192.0.2.1/24 dev veth
-	address add 2001:db8::1/64 dev veth
-	address add 198.51.100.1/24 dev side
+	$(own_network)
 	route add default via 198.51.100.2 dev side
 	EOT
     ip -n "$peer" -batch - <<-EOT
@@ -119,6 +120,10 @@ make_network() {
 	address add 2001:db8::2/64 dev veth
 	address add 198.51.100.2/24 dev side
 	EOT
+}
+
+own_network() {
+    printf 'address add %s\n' '192.0.2.1/24 dev veth' '2001:db8::1/64 dev veth' '198.51.100.1/24 dev side'
 }
 
 # The node's addresses and routes, in an order of their own.
