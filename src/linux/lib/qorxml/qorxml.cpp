@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdlib>
 #include <exception>
 #include <fcntl.h>
 #include <memory>
@@ -39,7 +40,17 @@ struct library_state {
     std::vector<std::unique_ptr<path_config>> files;
 };
 
-std::unique_ptr<library_state> library; // null while stopped
+// Memory that the first call of a run asks for: where there is none at all, not even nothrow new may be
+// asked, for that would have no room for the exception that it catches.
+struct library_deleter {
+    void operator()(library_state *state) const
+    {
+        state->~library_state();
+        free(state);
+    }
+};
+
+std::unique_ptr<library_state, library_deleter> library; // null while stopped
 
 // Every operation runs in here: started library, no exception out of it.
 template <typename Operation>
@@ -185,7 +196,8 @@ int xmllib_init(const char *type)
         return QOR_XMLERR_OTHER;
     }
     if (library == nullptr) {
-        library.reset(new (std::nothrow) library_state);
+        void *memory = malloc(sizeof(library_state));
+        library.reset(memory != nullptr ? new (memory) library_state : nullptr);
     }
     return library != nullptr ? QOR_XMLERR_SUCCESS : QOR_XMLERR_OTHER;
 }
