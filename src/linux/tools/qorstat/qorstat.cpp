@@ -1,9 +1,13 @@
 // qorstat: shows the node's resource states and flags to the operator.
 
+#include "json.h"
+#include "resource.h"
+
 #include "qoripc.h"
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <iterator>
@@ -18,9 +22,18 @@ enum exit_code { exit_ok = 0, exit_unreadable = 1, exit_usage = 2 };
 constexpr std::size_t columns = 5;
 using row = std::array<const char *, columns>;
 
-constexpr char usage_text[] = "Usage: qorstat [--plain]\n"
+constexpr char usage_text[] = "Usage: qorstat [--plain | --json] [-r RESOURCE [-g GROUP]]\n"
                               "       qorstat --npsimu on|off\n"
                               "       qorstat --help | --version\n";
+
+enum class form { table, plain, json };
+
+/// What the command line asks for.
+struct request {
+    form shape = form::table;
+    const char *rscname = nullptr; ///< null: all resources
+    const char *group = nullptr;
+};
 
 const char *reason(int ret)
 {
@@ -59,6 +72,15 @@ void make_printable(char (&text)[N])
     }
 }
 
+void make_printable(shmrm_state *state)
+{
+    make_printable(state->group);
+    make_printable(state->type);
+    make_printable(state->rscname);
+    make_printable(state->rscfree);
+    make_printable(state->descript);
+}
+
 int read_states(std::vector<shmrm_state> *states)
 {
     if (const int ret = shmrm_attach(); ret != 0) {
@@ -69,16 +91,21 @@ int read_states(std::vector<shmrm_state> *states)
         shmrm_state state = {};
         ret = shmrm_getstate(i, &state);
         if (ret == 0) {
-            make_printable(state.group);
-            make_printable(state.type);
-            make_printable(state.rscname);
-            make_printable(state.rscfree);
-            make_printable(state.descript);
             states->push_back(state);
         }
     }
     shmrm_detach();
     return ret == SHMRM_ERR_NOTFOUND ? 0 : ret;
+}
+
+int read_npsimu(int *npsimu)
+{
+    int ret = shmnm_attach();
+    if (ret == 0) {
+        ret = shmnm_getnpsimuflag(npsimu);
+        shmnm_detach();
+    }
+    return ret;
 }
 
 row to_row(const shmrm_state &state)
@@ -111,33 +138,113 @@ void print_plain(const std::vector<shmrm_state> &states)
     }
 }
 
-int show_plain()
+void print_json(const std::vector<shmrm_state> &states, int npsimu)
 {
-    std::vector<shmrm_state> states;
-    if (const int ret = read_states(&states); ret != 0) {
-        return fail("cannot read the resource states", ret);
+    const char *separator = "";
+    printf("{\"resources\":[");
+    for (const shmrm_state &state : states) {
+        printf("%s\n%s", separator,
+               json_object({{"group", state.group},
+                            {"type", state.type},
+                            {"resource", state.rscname},
+                            {"device", state.rscfree},
+                            {"message", state.descript}})
+                   .c_str());
+        separator = ",";
     }
-    print_plain(states);
-    return exit_ok;
+    printf("],\n\"flags\":{\"npsimu\":%s}}\n", npsimu != 0 ? "true" : "false");
 }
 
-int show_table()
+/// Shows all states, and the node's flags but in the plain form.
+int show_all(form shape)
 {
     std::vector<shmrm_state> states;
     if (const int ret = read_states(&states); ret != 0) {
         return fail("cannot read the resource states", ret);
     }
     int npsimu = 0;
-    int ret = shmnm_attach();
-    if (ret == 0) {
-        ret = shmnm_getnpsimuflag(&npsimu);
-        shmnm_detach();
+    if (shape != form::plain) {
+        if (const int ret = read_npsimu(&npsimu); ret != 0) {
+            return fail("cannot read the node's flags", ret);
+        }
     }
-    if (ret != 0) {
-        return fail("cannot read the node's flags", ret);
+    if (shape == form::json) {
+        print_json(states, npsimu);
+        return exit_ok;
     }
-    print_table(states, npsimu);
+    for (shmrm_state &state : states) {
+        make_printable(&state);
+    }
+    if (shape == form::plain) {
+        print_plain(states);
+    } else {
+        print_table(states, npsimu);
+    }
     return exit_ok;
+}
+
+/// The row of a resource; without one its texts are empty but for the name.
+int read_state(const char *rscname, shmrm_state *found)
+{
+    std::vector<shmrm_state> states;
+    const int ret = read_states(&states);
+    for (const shmrm_state &state : states) {
+        if (strcmp(state.type, "fip") == 0 && strcmp(state.rscname, rscname) == 0) {
+            *found = state;
+            return ret;
+        }
+    }
+    snprintf(found->rscname, sizeof(found->rscname), "%s", rscname);
+    return ret;
+}
+
+void print_resource(form shape, const shmrm_state &raw, const resource_report &report)
+{
+    const char *status = status_word(report.status);
+    const char *address = report.address.c_str();
+    const char *interface = report.interface.c_str();
+    const char *label = report.label.c_str();
+    const char *note = report.note.c_str();
+    if (shape == form::json) {
+        puts(json_object({{"group", raw.group},
+                          {"resource", raw.rscname},
+                          {"status", status},
+                          {"address", address},
+                          {"interface", interface},
+                          {"label", label},
+                          {"device", raw.rscfree},
+                          {"message", raw.descript},
+                          {"note", note}})
+                 .c_str());
+        return;
+    }
+    shmrm_state state = raw;
+    make_printable(&state);
+    if (shape == form::plain) {
+        printf("%s\t%s\t%s\t%s\t%s\t%s\n", status, address, interface, label, state.rscfree, state.descript);
+        return;
+    }
+    printf("Resource:      %s\nGroup:         %s\nStatus:        %s%s%s\nAddress:       %s\n"
+           "Interface:     %s\nLabel:         %s\nDevice:        %s\nLast message:  %s\n",
+           state.rscname, state.group, status, *note != '\0' ? ": " : "", note, address, interface, label,
+           state.rscfree, state.descript);
+}
+
+/// Shows one resource, and tells its status by the exit status.
+int show_resource(const request &asked)
+{
+    shmrm_state state = {};
+    if (const int ret = read_state(asked.rscname, &state); ret != 0) {
+        return fail("cannot read the resource states", ret);
+    }
+    resource_report report;
+    if (const int error = judge_resource(asked.group, state, &report); error != 0) {
+        errno = error;
+        perror("qorstat: cannot read the kernel's addresses");
+        return exit_unreadable;
+    }
+    print_resource(asked.shape, state, report);
+    return report.status;
 }
 
 int set_npsimu(int flag)
@@ -156,6 +263,32 @@ int usage_error()
     return exit_usage;
 }
 
+/// A name as qorfip(8) takes it.
+bool is_name(const char *text)
+{
+    return text != nullptr && *text != '\0' && *text != '-' && strlen(text) < SHMRM_NAME_SIZE;
+}
+
+/// @return false when the arguments make no sense
+bool read_request(int argc, char *const argv[], request *asked)
+{
+    for (int i = 1; i < argc; ++i) {
+        const char *word = argv[i];
+        if (strcmp(word, "--plain") == 0 && asked->shape != form::json) {
+            asked->shape = form::plain;
+        } else if (strcmp(word, "--json") == 0 && asked->shape != form::plain) {
+            asked->shape = form::json;
+        } else if (strcmp(word, "-r") == 0 && is_name(argv[i + 1])) {
+            asked->rscname = argv[++i];
+        } else if (strcmp(word, "-g") == 0 && is_name(argv[i + 1])) {
+            asked->group = argv[++i];
+        } else {
+            return false;
+        }
+    }
+    return asked->group == nullptr || asked->rscname != nullptr;
+}
+
 int run(int argc, char *const argv[])
 {
     const auto is = [argc, argv](int index, const char *word) {
@@ -163,7 +296,10 @@ int run(int argc, char *const argv[])
     };
     if (argc == 2 && is(1, "--help")) {
         printf("%s\nShows the node's resource states and flags; see qorstat(8).\n\n"
+               "  -r RESOURCE      one floating IP: what it is is the exit status, too\n"
+               "  -g GROUP         the group that it must be recorded in\n"
                "  --plain          one line per resource, its fields separated by tabs, no header\n"
+               "  --json           one JSON object\n"
                "  --npsimu on|off  set or clear the node's npsimu flag\n",
                usage_text);
         return exit_ok;
@@ -173,8 +309,8 @@ int run(int argc, char *const argv[])
         return exit_ok;
     }
     const bool npsimu = argc == 3 && is(1, "--npsimu") && (is(2, "on") || is(2, "off"));
-    const bool plain = argc == 2 && is(1, "--plain");
-    if (argc != 1 && !npsimu && !plain) {
+    request asked;
+    if (!npsimu && !read_request(argc, argv, &asked)) {
         return usage_error();
     }
     if (geteuid() != 0) {
@@ -184,7 +320,7 @@ int run(int argc, char *const argv[])
     if (npsimu) {
         return set_npsimu(is(2, "on") ? 1 : 0);
     }
-    return plain ? show_plain() : show_table();
+    return asked.rscname != nullptr ? show_resource(asked) : show_all(asked.shape);
 }
 
 } // namespace

@@ -8,6 +8,7 @@
 #include "miiw.h"
 #include "ping.h"
 #include "platform.h"
+#include "record.h"
 #include "source.h"
 #include "srcip.h"
 #include "target.h"
@@ -229,6 +230,18 @@ int file_device(activation *act)
     return FIP_SUCCESS;
 }
 
+/// Records the address itself, for qorstat(8). Without the record the address is up all the same.
+int record_address(activation *act)
+{
+    fip_record_up(act->info->rscname, act->target, nic_device_name(act->target));
+    return FIP_SUCCESS;
+}
+
+void undo_record(activation *act)
+{
+    fip_record_down(act->info->rscname, act->info->addr);
+}
+
 /// Tells the neighbours. The address is up whatever comes of it, so this never fails the activation.
 int announce(activation *act)
 {
@@ -288,6 +301,7 @@ constexpr step steps[] = {
     {check_link},
     {set_source},
     {file_device},
+    {record_address, undo_record},
     {announce},
 };
 

@@ -172,32 +172,6 @@ void read_parameters(FIP_INFO *info)
     read_ints(info, link_params);
 }
 
-/// Reads the address that applies to this server.
-int read_address(FIP_INFO *info)
-{
-    char server[HOSTNAME_SIZE];
-    const int host_ret = get_hostname(server);
-    if (host_ret != 0) {
-        TRACE_AS(self, TRACE_ERROR, "get_hostname() failed. (ret=%d)", host_ret);
-        return FIP_ERR_HOSTNAME;
-    }
-    char path[FIP_PATH_SIZE];
-    snprintf(path, sizeof(path), "/root/resource/fip@%s/parameters/ip", info->rscname);
-    char value[FIP_ADDRARG_SIZE] = "";
-    int size = sizeof(value);
-    const int xml_ret = xmllib_get_srvsep_value(server, path, QOR_XMLTYPE_TEXT, value, &size);
-    if (xml_ret != QOR_XMLERR_SUCCESS) {
-        TRACE_AS(self, TRACE_ERROR, "xmllib_get_srvsep_value(%s,%s) failed. (ret=%d)", path, "ip", xml_ret);
-        return fip_internal_error(FIP_ERR_ADDRESS);
-    }
-    fip_ipck(value);
-    const int ret = fip_div_ipmask(value, info->addr, info->mask, &info->masklen, info->ifname);
-    if (ret != FIP_SUCCESS) {
-        TRACE_AS(self, TRACE_ERROR, "fip_div_ipmask failed. (ret=%d)", ret);
-    }
-    return ret;
-}
-
 } // namespace
 
 int fip_xml_init()
@@ -281,6 +255,32 @@ int fip_xml_get_path(const char *type, const char *path, char *buffer, int *size
     return policy.unload();
 }
 
+int fip_xml_get_address(FIP_INFO *pfipinfo)
+{
+    char server[HOSTNAME_SIZE];
+    const int host_ret = get_hostname(server);
+    if (host_ret != 0) {
+        TRACE_AS(self, TRACE_ERROR, "get_hostname() failed. (ret=%d)", host_ret);
+        return FIP_ERR_HOSTNAME;
+    }
+    char path[FIP_PATH_SIZE];
+    snprintf(path, sizeof(path), "/root/resource/fip@%s/parameters/ip", pfipinfo->rscname);
+    char value[FIP_ADDRARG_SIZE] = "";
+    int size = sizeof(value);
+    const int xml_ret = xmllib_get_srvsep_value(server, path, QOR_XMLTYPE_TEXT, value, &size);
+    if (xml_ret != QOR_XMLERR_SUCCESS) {
+        TRACE_AS(self, TRACE_ERROR, "xmllib_get_srvsep_value(%s,%s) failed. (ret=%d)", path, "ip", xml_ret);
+        return fip_internal_error(FIP_ERR_ADDRESS);
+    }
+    fip_ipck(value);
+    const int ret =
+        fip_div_ipmask(value, pfipinfo->addr, pfipinfo->mask, &pfipinfo->masklen, pfipinfo->ifname);
+    if (ret != FIP_SUCCESS) {
+        TRACE_AS(self, TRACE_ERROR, "fip_div_ipmask failed. (ret=%d)", ret);
+    }
+    return ret;
+}
+
 int fip_xml_get_config(FIP_INFO *pfipinfo)
 {
     TRACE(TRACE_DEBUG, "fip_xml_get_config(%p)  ENTRY...", static_cast<void *>(pfipinfo));
@@ -293,7 +293,7 @@ int fip_xml_get_config(FIP_INFO *pfipinfo)
     }
 
     if (pfipinfo->addr[0] == '\0') {
-        const int ret = read_address(pfipinfo);
+        const int ret = fip_xml_get_address(pfipinfo);
         if (ret != FIP_SUCCESS) {
             return ret;
         }

@@ -47,10 +47,16 @@ struct policy_scope {
 ///         with a result message while the resource states are attached); the result of unloading the policy
 [[nodiscard]] int fip_xml_get_path(const char *type, const char *path, char *buffer, int *size);
 
+/// Reads the address that applies to this server into the record's addr, mask, masklen and ifname, by its
+/// rscname.
+/// @return 0; FIP_ERR_HOSTNAME; FIP_ERR_ADDRESS when it cannot be read, with a result message; the result of
+///         fip_div_ipmask
+[[nodiscard]] int fip_xml_get_address(FIP_INFO *pfipinfo);
+
 /// Fills the record with every parameter of its resource, and with the address that applies to this server
 /// when it has none yet. A parameter that cannot be read gets its default and a line in the trace.
-/// @return 0; FIP_ERR_POLICY; FIP_ERR_ADDRESS when this server's address cannot be read; FIP_ERR_HOSTNAME;
-///         the result of fip_div_ipmask, or of fip_xml_get_path for the installation path
+/// @return 0; FIP_ERR_POLICY; a result of fip_xml_get_address; the result of fip_xml_get_path for the
+///         installation path
 [[nodiscard]] int fip_xml_get_config(FIP_INFO *pfipinfo);
 
 #endif

@@ -5,6 +5,7 @@
 #include "ipaddr.h"
 #include "ping.h"
 #include "platform.h"
+#include "record.h"
 #include "source.h"
 
 namespace
@@ -79,6 +80,7 @@ int locate(deactivation *deact)
     deact->absent = row == nullptr;
     if (deact->absent) {
         TRACE_AS(self, TRACE_WARNING, "%s not activated.", deact->info->addr);
+        fip_record_down(deact->info->rscname, deact->info->addr);
         return FIP_SUCCESS;
     }
     take_row(deact, *row);
@@ -93,6 +95,7 @@ int remove_address(deactivation *deact)
         return ret;
     }
     TRACE_AS(self, TRACE_DEBUG, "fip_deact_ipaddr() succeeded.");
+    fip_record_down(deact->info->rscname, deact->info->addr);
     return FIP_SUCCESS;
 }
 
