@@ -121,6 +121,15 @@ int file_record(const char *self, const fip_record &record)
     return ret;
 }
 
+/// Starts a record. @return false for a name that does not fit: cut, it would be another resource's
+bool begin(const char *rscname, const char *address, fip_record *record)
+{
+    *record = {};
+    copy_text(record->magic, magic);
+    copy_text(record->address, address);
+    return copy_text(record->rscname, rscname);
+}
+
 /// The bits of the mask that the target was given.
 int prefix_length(const vdevinfo &target)
 {
@@ -166,10 +175,12 @@ int fip_record_up(const char *rscname, const vdevinfo &target, const char *devic
     if (rscname[0] == '\0') {
         return 0;
     }
-    fip_record record = {};
-    copy_text(record.magic, magic);
-    copy_text(record.rscname, rscname);
-    format_text(record.address, sizeof(record.address), "%s/%d", target.sipel.addr, prefix_length(target));
+    char address[sizeof(fip_record::address)];
+    format_text(address, sizeof(address), "%s/%d", target.sipel.addr, prefix_length(target));
+    fip_record record;
+    if (!begin(rscname, address, &record)) {
+        return EINVAL;
+    }
     copy_text(record.device, device);
     return file_record(__func__, record);
 }
@@ -179,18 +190,14 @@ int fip_record_down(const char *rscname, const char *addr)
     if (rscname[0] == '\0') {
         return 0;
     }
-    fip_record record = {};
-    if (fip_record_read(rscname, &record) != 0) {
-        record = {};
-        copy_text(record.magic, magic);
-        copy_text(record.rscname, rscname);
-        copy_text(record.address, addr);
-    } else if (!is_of(record, addr)) {
-        if (record.device[0] != '\0') {
-            return 0;
-        }
-        copy_text(record.address, addr);
+    fip_record record;
+    const bool found = fip_record_read(rscname, &record) == 0;
+    if (found && is_of(record, addr)) {
+        copy_text(record.device, "");
+        return file_record(__func__, record);
     }
-    copy_text(record.device, "");
-    return file_record(__func__, record);
+    if (found && record.device[0] != '\0') {
+        return 0;
+    }
+    return begin(rscname, addr, &record) ? file_record(__func__, record) : EINVAL;
 }
