@@ -76,3 +76,30 @@ source "$BATS_TEST_DIRNAME/fip_helper.bash"
     rmdir "$QOR_HOME/run" "$QOR_HOME/log" # empty
     carries ''
 }
+
+@test "a person at a terminal is told how a run ended, and how the command line is written" {
+    local log=$QOR_HOME/log/check.log
+    sed 's|</ip>|&<ping><timeout>1</timeout></ping>|' "$QOR_SOURCE/etc/cluster.xml" >"$QOR_HOME/etc/check/cluster.xml"
+    layout older
+    # EXIT STATUS|LINE|WHETHER THE USAGE IS SHOWN|ARGUMENTS
+    while IFS='|' read -r code expected usage arguments; do
+        run -"$code" script -qec "${agent[*]} $arguments" /dev/null </dev/null
+        output=${output//$'\r'/}
+        [ "$code" -eq 0 ] || expected+=" (exit status $code, see qorfip(8))"
+        [ "${output##*$'\n'}" = "qorfip: $expected" ] || fail "not told: $expected"
+        [ "$usage" -eq "$(grep -c 'qorfip --test' <<<"$output")" ] || fail "usage: $arguments"
+    done <<-EOT
+	0|Success.|0|--active -r fip1 -g g1
+	15|This ip address was already used.  IP=192.0.2.10|0|--active -r fip1 -g g1
+	29|The run failed: see the trace log.|0|--add -a 192.0.2.10%veth/24
+	4|Option was invalid.|1|--bogus
+	4|Option was invalid.|1|
+	4|The run failed: see the trace log.|1|--add -r fip1
+	0|The check passed.|0|--test fip1
+	1|The check did not pass: see $log|0|--test none
+	1|The check did not pass: see $log|1|--test
+	EOT
+    shared='<ifconfig><path>/nö</path></ifconfig>' cluster 'fip1 192.0.2.10'
+    run -3 script -qec "${agent[*]} --deactive -r fip1 -g g1" /dev/null </dev/null
+    [[ "$output" == *"('/n??' -a, ret=127)"* ]] || fail unsafe
+}

@@ -3,6 +3,7 @@
 #include "json.h"
 #include "resource.h"
 
+#include "fip.h"
 #include "qoripc.h"
 
 #include <algorithm>
@@ -278,7 +279,7 @@ bool read_request(int argc, char *const argv[], request *asked)
             asked->shape = form::plain;
         } else if (strcmp(word, "--json") == 0 && asked->shape != form::plain) {
             asked->shape = form::json;
-        } else if (strcmp(word, "-r") == 0 && is_name(argv[i + 1])) {
+        } else if (strcmp(word, "-r") == 0 && is_name(argv[i + 1]) && fip_is_resource_name(argv[i + 1])) {
             asked->rscname = argv[++i];
         } else if (strcmp(word, "-g") == 0 && is_name(argv[i + 1])) {
             asked->group = argv[++i];

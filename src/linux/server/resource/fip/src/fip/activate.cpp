@@ -212,6 +212,18 @@ int set_source(activation *act)
     return FIP_SUCCESS;
 }
 
+/// Records the address and its device for qorstat(8). Without that the address is up all the same.
+int record_address(activation *act)
+{
+    fip_record_up(act->info->rscname, act->target, nic_device_name(act->target));
+    return FIP_SUCCESS;
+}
+
+void undo_record(activation *act)
+{
+    fip_record_down(act->info->rscname, act->info->addr);
+}
+
 /// Files the device's name in the resource state.
 int file_device(activation *act)
 {
@@ -228,18 +240,6 @@ int file_device(activation *act)
     }
     TRACE_AS(self, TRACE_DEBUG, "write %s to shmbuf success.", device);
     return FIP_SUCCESS;
-}
-
-/// Records the address itself, for qorstat(8). Without the record the address is up all the same.
-int record_address(activation *act)
-{
-    fip_record_up(act->info->rscname, act->target, nic_device_name(act->target));
-    return FIP_SUCCESS;
-}
-
-void undo_record(activation *act)
-{
-    fip_record_down(act->info->rscname, act->info->addr);
 }
 
 /// Tells the neighbours. The address is up whatever comes of it, so this never fails the activation.
@@ -300,8 +300,8 @@ constexpr step steps[] = {
      step::KEEP}, // nothing is known about the link: no reason to take an address off
     {check_link},
     {set_source},
-    {file_device},
     {record_address, undo_record},
+    {file_device},
     {announce},
 };
 

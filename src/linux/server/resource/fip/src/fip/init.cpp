@@ -41,3 +41,13 @@ void fip_usage()
     printf("usage: qorfip --add -a ipaddress[/subnet] [-i interface]\n"
            "              --del -a ipaddress\n");
 }
+
+void fip_tell_usage()
+{
+    fputs(
+        "usage: qorfip --active | --deactive | --dactive | --ddeactive -r RESOURCE -g GROUP\n"
+        "       qorfip --add -a ADDRESS[/BITS][%INTERFACE[:ALIAS]] [-i INTERFACE] [-r RESOURCE] [-g GROUP]\n"
+        "       qorfip --del -a ADDRESS [-r RESOURCE] [-g GROUP]\n"
+        "       qorfip --test RESOURCE\n",
+        stderr);
+}

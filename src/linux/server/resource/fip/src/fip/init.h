@@ -14,4 +14,7 @@ void fip_trace_build(const char *opening);
 /// resource manager, which reads codes and messages.
 void fip_usage();
 
+/// Writes the usage of all modes to standard error, for a person at a terminal.
+void fip_tell_usage();
+
 #endif

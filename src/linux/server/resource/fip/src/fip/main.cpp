@@ -17,6 +17,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -242,8 +243,43 @@ int run(int argc, char **argv, record *info)
     return run_sequence(info->get());
 }
 
-/// Reports, releases everything in the reverse order of its start, and closes the trace log.
-int finish(int code, record *info)
+/// What came of the run, for a person. An empty message is filed as a success, whatever the code is.
+void describe(int code, bool check, char (&text)[FIP_PATH_SIZE])
+{
+    if (check && code == FIP_SUCCESS) {
+        copy_text(text, "The check passed.");
+    } else if (check && rdrctfile[0] != '\0') {
+        format_text(text, sizeof(text), "The check did not pass: see %s", rdrctfile);
+    } else if (shmbuf[0] != '\0') {
+        copy_text(text, shmbuf);
+    } else {
+        copy_text(text, code == FIP_SUCCESS ? "Success." : "The run failed: see the trace log.");
+    }
+}
+
+/// Tells it at a terminal; the resource manager reads what was filed. What came from outside must not command
+/// the terminal.
+void tell_person(int code, bool usage, char *text)
+{
+    if (isatty(STDERR_FILENO) == 0) {
+        return;
+    }
+    if (usage) {
+        fip_tell_usage();
+    }
+    for (char *c = text; *c != '\0'; ++c) {
+        *c = *c >= ' ' && *c <= '~' ? *c : '?';
+    }
+    if (code == FIP_SUCCESS) {
+        fprintf(stderr, "qorfip: %s\n", text);
+    } else {
+        fprintf(stderr, "qorfip: %s (exit status %d, see qorfip(8))\n", text, code);
+    }
+}
+
+/// Reports, releases everything in the reverse order of its start, and closes the trace log,
+/// unless a worker was left behind that may still use it.
+void finish(int code, record *info)
 {
     fip_shmrm_setdescript(*info ? (*info)->rscname : "", *info ? (*info)->grpname : "");
     info->reset();
@@ -253,11 +289,9 @@ int finish(int code, record *info)
     fip_shmrm_detach();
     fip_xml_term();
     TRACE_AS("main", TRACE_INFO, "return(ret=%d)", code);
-    if (worker_left_behind()) {
-        _exit(code);
+    if (!worker_left_behind()) {
+        fip_log_term();
     }
-    fip_log_term();
-    return code;
 }
 
 } // namespace
@@ -272,7 +306,18 @@ int main(int argc, char **argv)
     signal(SIGPIPE, SIG_IGN);
     record info;
     const bool check = fip_is_check_mode(argc, argv);
-    const int code =
+    int code =
         fip_bound_memory([=, &info] { return check ? fip_check_mode(argc, argv) : run(argc, argv, &info); });
-    return finish(check && code != FIP_SUCCESS ? CHECK_FAILED : code, &info);
+    if (check && code != FIP_SUCCESS) {
+        code = CHECK_FAILED;
+    }
+    char text[FIP_PATH_SIZE];
+    describe(code, check, text);
+    finish(code, &info);
+    // Nothing is held any more, should the terminal have been stopped.
+    tell_person(code, check ? argc != 3 : code == FIP_ERR_OPTION, text);
+    if (worker_left_behind()) {
+        _exit(code);
+    }
+    return code;
 }
