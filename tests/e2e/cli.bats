@@ -65,18 +65,6 @@ source "$BATS_TEST_DIRNAME/fip_helper.bash"
     done
 }
 
-@test "without arguments, or by another user than root: nothing is filed or changed" {
-    mkdir -m 777 "$QOR_HOME/run" "$QOR_HOME/log"
-    chmod go+rx "$QOR_HOME"
-    fip 4
-    agent=(ip netns exec "$here" setpriv --reuid 65534 --clear-groups "$QOR_BIN/qorfip")
-    activate 5
-    fip 5 --add -a 192.0.2.10
-    fip 5 --bogus
-    rmdir "$QOR_HOME/run" "$QOR_HOME/log" # empty
-    carries ''
-}
-
 @test "a person at a terminal is told how a run ended, and how the command line is written" {
     local log=$QOR_HOME/log/check.log
     sed 's|</ip>|&<ping><timeout>1</timeout></ping>|' "$QOR_SOURCE/etc/cluster.xml" >"$QOR_HOME/etc/check/cluster.xml"
@@ -102,4 +90,16 @@ source "$BATS_TEST_DIRNAME/fip_helper.bash"
     shared='<ifconfig><path>/nö</path></ifconfig>' cluster 'fip1 192.0.2.10'
     run -3 script -qec "${agent[*]} --deactive -r fip1 -g g1" /dev/null </dev/null
     [[ "$output" == *"('/n??' -a, ret=127)"* ]] || fail unsafe
+}
+
+@test "without arguments, or by another user than root: nothing is filed or changed" {
+    mkdir -m 777 "$QOR_HOME/run" "$QOR_HOME/log"
+    chmod go+rx "$QOR_HOME"
+    fip 4
+    agent=(ip netns exec "$here" setpriv --reuid 65534 --clear-groups "$QOR_BIN/qorfip")
+    activate 5
+    fip 5 --add -a 192.0.2.10
+    fip 5 --bogus
+    rmdir "$QOR_HOME/run" "$QOR_HOME/log" # empty
+    carries ''
 }
