@@ -13,7 +13,7 @@ node() { ip -n "$here" address "$@"; }
         # shellcheck disable=SC2086 # several arguments
         run -"$code" ip netns exec "$here" "$QOR_BIN/qorstat" --plain -r fip1 $arguments
         [ "${output//$'\t'/,}" = "$line" ] || fail "not: $line" "after: $before"
-    done <<-'EOT'
+    done <<-EOT
 	3|down,192.0.2.10/24,,,,
 	3|down,192.0.2.10/24,,,,|dd of=$states bs=1 seek=16 conv=notrunc status=none < <(printf '\0\4'); activate 99
 	4|changed,192.0.2.10/24,veth,veth:0,,|rm $states; node add 192.0.2.10/24 dev veth label veth:0

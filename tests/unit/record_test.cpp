@@ -29,7 +29,7 @@ fip-1_A | fip-1_A | chmod g+w $0 | 1
 a | a | sed s=a=b= $0 >b; cat b >$0 | 22
 b | b | truncate -s -1 $0 | 22
 c | c | truncate -s +1 $0 | 22
-d | d | printf %116s >x; dd if=x of=$0 bs=1 seek=8 conv=notrunc status=none | 22
+d | d | printf %84s >x; dd if=x of=$0 bs=1 seek=40 conv=notrunc status=none | 22
 )",
                                  {{"<ff>", "\xff"}, {"<31>", long_name.substr(1)}})) {
         EXPECT_EQ(fip_record_up(row[0].c_str(), target, "eth0:1"), 0);

@@ -190,7 +190,7 @@ int fip_record_down(const char *rscname, const char *addr)
     if (rscname[0] == '\0') {
         return 0;
     }
-    fip_record record;
+    fip_record record = {};
     const bool found = fip_record_read(rscname, &record) == 0;
     if (found && is_of(record, addr)) {
         copy_text(record.device, "");
