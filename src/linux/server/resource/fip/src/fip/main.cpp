@@ -248,7 +248,7 @@ void describe(int code, bool check, char (&text)[FIP_PATH_SIZE])
 {
     if (check && code == FIP_SUCCESS) {
         copy_text(text, "The check passed.");
-    } else if (check && rdrctfile[0] != '\0') {
+    } else if (rdrctfile[0] != '\0') { // the check has named its log
         format_text(text, sizeof(text), "The check did not pass: see %s", rdrctfile);
     } else if (shmbuf[0] != '\0') {
         copy_text(text, shmbuf);
