@@ -33,12 +33,12 @@ npsimu: off' ]
 }
 
 @test "prints JSON, whatever bytes the states hold" {
-    resources fip $'a"\\' $'\x1b\t\x7f\xc2\x9b' 'ü€𝄞' $'\xc0\xaf|\xed\xa0\x80|\xf4\x90\x80\x80|\xe2\x82|\xff|\xc3'
+    resources fip $'a"\\' $'\x1b\t\x7f\xc2\x9b' 'ü€𝄞' $'\xe0\x80\xaf|\xed\xbf\xbf|\xf4\x90\x80\x80|\xe2\x82|\xff|\xc3'
     run -0 --separate-stderr "$QORSTAT" --json
     iconv -f utf-8 -t utf-8 <<<"$output" >/dev/null
     [[ "$output" == *'"group":"\u001b\u0009\u007f\u009b"'* ]]
     output=$(jq -ac '.resources[0], .flags' <<<"$output")
-    [ "$output" = '{"group":"\u001b\t\u007f\u009b","type":"fip","resource":"a\"\\","device":"\u00fc\u20ac\ud834\udd1e","message":"\ufffd\ufffd|\ufffd\ufffd\ufffd|\ufffd\ufffd\ufffd\ufffd|\ufffd\ufffd|\ufffd|\ufffd"}
+    [ "$output" = '{"group":"\u001b\t\u007f\u009b","type":"fip","resource":"a\"\\","device":"\u00fc\u20ac\ud834\udd1e","message":"\ufffd\ufffd\ufffd|\ufffd\ufffd\ufffd|\ufffd\ufffd\ufffd\ufffd|\ufffd\ufffd|\ufffd|\ufffd"}
 {"npsimu":false}' ]
     run -5 --separate-stderr "$QORSTAT" --json -r $'a"\\'
     [ "$(jq -r '.status + .device' <<<"$output")" = unknownü€𝄞 ]
