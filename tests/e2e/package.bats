@@ -102,7 +102,8 @@ completes() {
     completes 'fip1 fip2' qorfip --dactive -r f
     completes '' qorfip --test fip1 ''
     completes 'lo' qorfip --add -i lo
-    completes '--plain --npsimu --help --version' qorstat ''
+    completes '--plain --json -r --npsimu --help --version' qorstat ''
+    completes '-r -g' qorstat --json ''
     completes 'on off' qorstat --npsimu ''
     [ ! -e made ]
     QOR_HOME=. completes '' qorfip --active -r web # relative: not taken, as by the agent
