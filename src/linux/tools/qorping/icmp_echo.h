@@ -7,14 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include <netinet/in.h>
-
-/// An IPv4 or IPv6 address in the shape that socket calls take; any.sa_family tells which.
-union host_address {
-    sockaddr_in6 v6; // first, so that {} clears the whole
-    sockaddr_in v4;
-    sockaddr any;
-};
+#include "host_address.h"
 
 /// What every request of one run carries as its data. The 16-bit identifier can't keep two runs apart for
 /// sure; these 128 random bits do, and nobody who has not seen a request can guess them.

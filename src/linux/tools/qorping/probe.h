@@ -1,10 +1,10 @@
-/// One run of probing: the sockets and the clock.
+/// One run of probing: echo requests and questions to the link, against the clock.
 #ifndef PROBE_H
 #define PROBE_H
 
-#include <chrono>
+#include "host_address.h"
 
-#include "icmp_echo.h"
+#include <chrono>
 
 /// How a run ended. The values are the program's exit statuses.
 enum probe_outcome {
@@ -13,24 +13,29 @@ enum probe_outcome {
     PROBE_FAILED = 2,   ///< not one request could be sent, for another reason: nothing is known
 };
 
-struct probe_target {
-    host_address address; ///< of one host; a link-local one with the zone's index in sin6_scope_id
-    unsigned interface;   ///< index of the zone's interface; 0 without zone
+struct probe_options {
+    unsigned rounds; ///< at least 1; one begins every second
+    bool echo_only;  ///< links are not asked
+    bool verbose;    ///< standard error tells which links are asked, or why none is, whenever that changes
 };
 
 /// Details of a run, for a person.
 struct probe_report {
-    std::chrono::microseconds elapsed; ///< PROBE_ANSWERED: from the start to the reply
+    std::chrono::microseconds elapsed; ///< PROBE_ANSWERED: from the start to the answer
+    std::chrono::milliseconds waited;  ///< PROBE_SILENT: what passed without an answer, at least
     const char *step;                  ///< PROBE_FAILED: what failed
-    int error; ///< PROBE_FAILED: errno of it; PROBE_SILENT: why nothing went out, or 0
+    int error; ///< PROBE_FAILED: errno of it; PROBE_SILENT: why no echo request went out, or 0
 };
 
-/// Sends an echo request now and then once a second, and returns with the first reply, or when the time is
-/// over. A link-local target without zone is probed through every interface that is up.
+/// Asks for an address by echo requests, one a round, and on the links where it may be by three questions a
+/// round; returns with the first answer. Each round has a second. But when the address can only be on one
+/// link, all questions of the last round went out there, and nobody answered within 200 ms of the last of
+/// them, then the run ends, 400 ms after that round began: an echo reply would have needed that answer first.
 ///
 /// Errors of a single request do not end the run: a route or a source address may be there a second later.
-///
-/// @param seconds  how long to wait altogether, at least 1
-[[nodiscard]] probe_outcome qorping_probe(const probe_target &target, unsigned seconds, probe_report *report);
+/// So every round chooses the links anew. A link that could not be asked, or not three times, decides
+/// nothing.
+[[nodiscard]] probe_outcome qorping_probe(const probe_target &target, const probe_options &options,
+                                          probe_report *report);
 
 #endif
