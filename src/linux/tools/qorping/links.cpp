@@ -114,7 +114,7 @@ link_choice choose_links(const probe_target &target)
     }
     const route_match route = route_to(target);
     if (route.kind == ROUTE_HERE || is_carried_here(list.get(), target)) {
-        return {{}, false, "it is an address of this host"};
+        return {{}, false, "it is of this host, or of no single one"};
     }
     if (route.kind == ROUTE_GATEWAY) {
         return {{}, false, "it is behind a gateway"};

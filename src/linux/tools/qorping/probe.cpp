@@ -40,6 +40,8 @@ struct prober {
 
     unsigned round = 0;        ///< from 1 on
     int question = 0;          ///< of the round, from 1 on
+    bool any_asked = false;    ///< some question of this run went out
+    int link_error = 0;        ///< errno of the last that did not
     bool all_asked = false;    ///< every question of this round went out
     bool link_decides = false; ///< the last round's did, on the only link where the address can be
 
@@ -101,8 +103,11 @@ void ask_links(prober *p)
 {
     for (const network_link &link : p->choice.links) {
         const int error = ask_link(p->link, link);
-        if (error != 0) {
+        if (error == 0) {
+            p->any_asked = true;
+        } else {
             p->all_asked = false;
+            p->link_error = error;
             tell(p, error_text(("cannot ask on " + link.name).c_str(), error));
         }
     }
@@ -167,6 +172,11 @@ probe_outcome judge_silence(const prober &p, probe_report *report)
     if (p.link_decides) {
         report->waited += last_round_ms - round_length_ms;
         return PROBE_SILENT;
+    }
+    // The kernel takes an echo request, and keeps it until the link has told where to send it: that must have
+    // been asked, too, and there was no room for any question.
+    if (p.choice.decisive && !p.any_asked && p.link_error == ENOBUFS) {
+        return fail(report, "send", p.link_error);
     }
     if (p.echo.expected.sent == 0) {
         if (p.errors.failed != 0) {
