@@ -201,13 +201,13 @@ probes() {
     # shellcheck disable=SC2046
     off=$(cost "$remove" $(active one) | cut -f 1)
     printf '\n## The duplicate-address check\n\n'
-    printf 'Nobody answers; the tool waits 1000 ms for that. What the check adds beyond the wait (medians of 3):\n\n'
+    printf 'Nobody answers; the tool asks the link and waits 400 ms for that. What the check adds beyond the wait (medians of 3):\n\n'
     printf '| addresses probed at once | activation ms | beyond the wait ms |\n|---:|---:|---:|\n'
     for count in 1 10 100; do
         local wall
         # shellcheck disable=SC2046
         wall=$(inside "$measure" -n 3 -r "$remove; ip neigh flush dev eth0" $(active "probe$count") | cut -f 1)
-        printf '| %s | %s | %s |\n' "$count" "$wall" "$(awk "BEGIN { printf \"%.2f\", $wall - $off - 1000 }")"
+        printf '| %s | %s | %s |\n' "$count" "$wall" "$(awk "BEGIN { printf \"%.2f\", $wall - $off - 400 }")"
     done
 }
 

@@ -6,6 +6,7 @@ set(qor_documents docs/architecture.md docs/configuration.md docs/operations.md 
     docs/reliability.md docs/security.md)
 
 install(TARGETS qorfip qorping qorstat RUNTIME DESTINATION bin)
+install(FILES ${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/qorping-icmp DESTINATION bin) # a link to qorping
 install(DIRECTORY etc/ DESTINATION etc FILE_PERMISSIONS ${qor_config_permissions})
 # The sample policy names this file as the configuration under check: the sample passes its own check.
 install(FILES etc/cluster.xml DESTINATION etc/check)

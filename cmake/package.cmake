@@ -17,6 +17,7 @@ qor_package(CODE [[
   endif()
 ]])
 qor_package(TARGETS qorfip qorping qorstat RUNTIME DESTINATION opt/qor/bin)
+qor_package(FILES ${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/qorping-icmp DESTINATION opt/qor/bin)
 qor_package(DIRECTORY etc/ DESTINATION etc/opt/qor FILE_PERMISSIONS ${qor_config_permissions})
 qor_package(FILES etc/cluster.xml DESTINATION etc/opt/qor/check PERMISSIONS ${qor_config_permissions})
 qor_package(FILES ${qor_pages} DESTINATION usr/share/man/man8)

@@ -47,7 +47,8 @@ completes() {
     # Root's files, which nobody else may write, and links that lead somewhere.
     run -1 grep -vE '^(lrwxrwxrwx|[-d]rwxr-xr-x|-rw-r--r--|drwxr-x---) root/root ' <(dpkg-deb -c "$deb")
     [ "$(dpkg-deb -c "$deb" | grep -cE '^drwxr-x--- .*/qor/(log|run)/$')" -eq 2 ]
-    [ "$(find "$root" -type l -printf "$root%l\n" | xargs ls -d | wc -l)" -eq 6 ]
+    [ "$(find "$root" -type l -lname '/*' -printf "$root%l\n" | xargs ls -d | wc -l)" -eq 6 ]
+    [ "$root/opt/qor/bin/qorping-icmp" -ef "$root/opt/qor/bin/qorping" ]
     # Every page of the documents, which link to each other.
     [ "$(cd "$root/usr/share/doc/qorfip/docs" && echo *)" = "$(cd "$QOR_SOURCE/docs" && echo *.md)" ]
     # dpkg guards every file of the configuration, and no other.

@@ -1,4 +1,5 @@
-#include "icmp_echo.h"
+#include "echo_socket.h"
+#include "link_socket.h"
 #include "probe.h"
 
 #include <csignal>
@@ -7,8 +8,25 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <net/ethernet.h>
+#include <netpacket/packet.h>
 #include <sched.h>
 #include <sys/time.h>
+
+/// Which sends to a link fail, counted from 0, and with what.
+static unsigned failing_questions;
+static int failure;
+
+extern "C" ssize_t __real_sendto(int, const void *, size_t, int, const sockaddr *, socklen_t);
+extern "C" ssize_t __wrap_sendto(int fd, const void *data, size_t size, int flags, const sockaddr *to,
+                                 socklen_t length)
+{
+    if (to->sa_family == AF_PACKET && (std::exchange(failing_questions, failing_questions >> 1) & 1) != 0) {
+        errno = failure;
+        return -1;
+    }
+    return __real_sendto(fd, data, size, flags, to, length);
+}
 
 namespace
 {
@@ -100,10 +118,77 @@ TEST(IsOurReply, ReadsTheIpv4Header)
     }
 }
 
-TEST(Probe, IsSilentForTheWholeTimeDespiteForeignRepliesAndSignals)
+void enter_network(const std::string &more)
 {
     ASSERT_EQ(unshare(CLONE_NEWNET), 0) << "needs root";
-    ASSERT_EQ(system("ip link set lo up && echo 1 >/proc/sys/net/ipv4/icmp_echo_ignore_all"), 0); // NOLINT
+    ASSERT_EQ(system(("ip link set lo up && " + more).c_str()), 0); // NOLINT
+}
+
+TEST(Sockets, FindTheAnswerBehindAFloodOfForeignOnes)
+{
+    enter_network("true");
+    const host_address probed = host("127.0.0.2"), here = host("127.0.0.1");
+    const network_link lo = {1, "lo", 1, {{2, 0, 0, 0, 0, 1}, 6}, {{}, 6}};
+    echo_socket echo;
+    link_socket link;
+    const char *step = nullptr;
+    ASSERT_TRUE(open_echo_socket({probed, 0}, &echo, &step) == 0 && open_link_socket(probed, &link) == 0);
+    const bytes reply = reply_from(probed);
+    bytes answer = {0, 1, 8, 0, 6, 4, 0, 2, 2, 0, 0, 0, 0, 7, 127, 0, 0, 3, 2, 0, 0, 0, 0, 1, 0, 0, 0, 0};
+    sockaddr_ll to = {AF_PACKET, htons(ETHERTYPE_ARP), 1, 0, 0, 6, {}}; // to lo's own hardware address
+    const int raw = socket(AF_INET, SOCK_RAW, IPPROTO_ICMP), packet = socket(AF_PACKET, SOCK_DGRAM, 0);
+    const auto send_answer = [&] {
+        return sendto(packet, answer.data(), 28, 0, reinterpret_cast<sockaddr *>(&to), sizeof(to)) == 28;
+    };
+    for (int i = 0; i < 2000; ++i) {
+        ASSERT_EQ(sendto(raw, &reply[20], 24, 0, &here.any, sizeof(here.v4)), 24);
+        ASSERT_TRUE(send_answer());
+    }
+    echo_errors errors = {};
+    send_echo(&echo, &errors);
+    answer[17] = 2; // the right address
+    to.sll_addr[5] = 1;
+    EXPECT_TRUE(send_answer()) << "for another host";
+    answer[13] = 9;
+    to.sll_addr[5] = 0;
+    EXPECT_TRUE(send_answer());
+    bool replied = false, answered = false;
+    hardware_address owner = {};
+    for (int i = 0; i < 500 && !(replied && answered); usleep(10'000), ++i) {
+        replied = replied || read_echo_reply(echo);
+        answered = answered || read_link_answer(link, {lo}, &owner) != nullptr;
+    }
+    EXPECT_TRUE(replied && answered && owner.bytes[5] == 9) << replied << answered << +owner.bytes[5];
+}
+
+TEST(Probe, LetsALinkDecideOnlyIfEveryQuestionOfTheLastRoundWentOut)
+{
+    enter_network("ip link add v0 type veth peer name v1 && ip link set v1 up && ip link set v0 up &&"
+                  "ip address add 192.0.2.1/24 dev v0");
+    usleep(100'000); // the link's state is told to others a little later
+    const struct {
+        unsigned failing; // bit 0: the first question
+        int error;
+        unsigned rounds;
+        probe_outcome outcome;
+        int waited_ms;
+    } cases[] = {
+        {0b000, 0, 1, PROBE_SILENT, 400},        {0b001, ENOBUFS, 1, PROBE_SILENT, 1000},
+        {0b100, ENOBUFS, 1, PROBE_SILENT, 1000}, {0b111, EPERM, 1, PROBE_SILENT, 1000},
+        {0b111, ENOBUFS, 1, PROBE_FAILED, 1000}, {0b001, ENOBUFS, 2, PROBE_SILENT, 1400},
+    };
+    for (const auto &c : cases) {
+        failing_questions = c.failing;
+        failure = c.error;
+        probe_report report = {};
+        EXPECT_EQ(qorping_probe({host("192.0.2.9"), 0}, {c.rounds, false, false}, &report), c.outcome);
+        EXPECT_EQ(report.waited.count(), c.waited_ms) << c.failing << ' ' << c.error;
+    }
+}
+
+TEST(Probe, IsSilentForTheWholeTimeDespiteForeignRepliesAndSignals)
+{
+    enter_network("echo 1 >/proc/sys/net/ipv4/icmp_echo_ignore_all");
     int requests = 0;
     // Every request comes back as a reply, but from another address than the probed one.
     std::jthread responder([&, fd = socket(AF_INET, SOCK_RAW, IPPROTO_ICMP)](const std::stop_token &stop) {
@@ -121,7 +206,7 @@ TEST(Probe, IsSilentForTheWholeTimeDespiteForeignRepliesAndSignals)
     EXPECT_EQ(setitimer(ITIMER_REAL, &every_20_ms, nullptr), 0);
     const auto start = std::chrono::steady_clock::now();
     probe_report report{};
-    EXPECT_EQ(qorping_probe({host("127.0.0.2"), 0}, 2, &report), PROBE_SILENT);
+    EXPECT_EQ(qorping_probe({host("127.0.0.2"), 0}, {2, false, false}, &report), PROBE_SILENT);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
     responder.request_stop();
     responder.join();
