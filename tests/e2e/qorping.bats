@@ -44,6 +44,7 @@ probe() {
     ip -n "$here" link set tun0 up
     ip -n "$here" address add 10.7.0.1/24 dev tun0
     ip -n "$here" route add 10.8.0.0/24 via 192.0.2.2
+    ip -n "$here" route add unreachable fd02::/64
     while read -r address seconds note; do
         run -1 timeout 20 ip netns exec "$here" "$QOR_BIN/qorping" -v -c 1 "$address"
         [ "${lines[0]}" = "qorping: asking $note" ]
@@ -55,12 +56,14 @@ probe() {
 	2001:db8::2%eth1 0.4 on the link too: eth1
 	fe80::9          1   on every link too: eth0 eth1
 	10.9.9.8         1   on every link too: eth0 eth1
-	fd00::8          1   on every link too: eth0 eth1
+	fd02::1          1   on every link too: eth0 eth1
 	10.8.0.1         1   by echo only: it is behind a gateway
 	10.7.0.2         1   by echo only: no link with hardware addresses and a carrier leads there
 	EOT
-    run -0 ip netns exec "$here" "$QOR_BIN/qorping" -c 1 -v 192.0.2.1
-    [ "${lines[0]}" = 'qorping: asking by echo only: it is of this host, or of no single one' ]
+    for address in 192.0.2.1 2001:db8::1 2001:db8::1%eth0 fe80::1%eth0; do
+        run -0 ip netns exec "$here" "$QOR_BIN/qorping" -c 1 -v "$address"
+        [ "${lines[0]}" = 'qorping: asking by echo only: it is of this host, or of no single one' ]
+    done
     probe 1 2 'no reply in 1.4 s' 192.0.2.9
     tool=qorping-icmp probe 1 1 'no reply in 1 s' 192.0.2.9 2001:db8::9
     ip -n "$here" link delete tun0
@@ -120,11 +123,12 @@ probe() {
     ip -n "$here" link set eth1 down
     probe 1 1 'no reply in 1 s.*' fe80::11%eth1
     ip -n "$here" link set eth1 up
+    probe 2 1 'send: Permission denied' 198.51.100.1 192.0.2.255
     ip -n "$there" link set eth1 down
     until [ "$(ip netns exec "$here" cat /sys/class/net/eth1/operstate)" != up ]; do sleep 0.05; done
-    probe 1 1 'no reply in 1 s.*' fe80::9%eth1
-    ip -n "$there" link set eth1 up
-    probe 2 1 'send: Permission denied' 198.51.100.1 192.0.2.255
+    run -1 ip netns exec "$here" "$QOR_BIN/qorping" -v -c 1 fe80::2%eth1
+    [ "${lines[0]}" = "qorping: asking by echo only: no link with hardware addresses and a carrier leads there" ]
+    ip -n "$there" link set eth1 up # without its fe80::22
 }
 
 @test "an address that appears during the run is found" {

@@ -93,7 +93,7 @@ TEST(IsNeighbourAnswer, AcceptsAdvertisementsAndTheSearchForDuplicatesOnly)
         {"the same with its address", false, "::", group, 255, search, source_option},
         {"the same to another group", false, "::", "ff02::1:ff12:3457", 255, search, {}},
         {"the same from a router beyond", false, "::", group, 64, search, {}},
-        {"somebody looks for the owner", false, "fe80::3", group, 255, search, source_option},
+        {"somebody looks for the owner", false, "fe80::3", group, 255, search, {}},
     };
     for (const auto &c : cases) {
         const bytes packet = c.head + bytes(8 - c.head.size()) + target6_bytes + c.options;
