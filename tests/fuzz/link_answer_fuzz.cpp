@@ -1,7 +1,9 @@
-/// Spoils good answers of a link: whatever is accepted names the target at its place, and comes from the link.
+/// Spoils good answers of a link: whatever is accepted names the target at its place, and comes from the
+/// link.
 #include "fuzz_input.h"
 #include "link_probe.h"
 
+#include <algorithm>
 #include <cstring>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
@@ -13,17 +15,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     std::swap_ranges(arp.begin() + 8, arp.begin() + 18, arp.begin() + 18);
     arp[7] = 2;
     advert[0] = 136;
-    for (auto *packet : {&arp, &advert}) {
-        // Pairs of position and new value; a position beyond the packet sets its length instead.
-        for (std::size_t i = 0; i + 1 < size; i += 2) {
-            if (data[i] < packet->size()) {
-                (*packet)[data[i]] = data[i + 1];
-            } else {
-                packet->resize(data[i + 1]);
-            }
-        }
-        packet->shrink_to_fit(); // no slack that hides a read beyond it
-    }
+    spoil(&arp, data, size);
+    spoil(&advert, data, size);
     hardware_address owner = {};
     const bool arp_ours = is_arp_answer(link, target, arp.data(), arp.size(), &owner);
     require(arp_ours ? memcmp(&arp[14], &target, 4) == 0 && owner.length == 6 : size > 0);
