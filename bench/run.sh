@@ -209,6 +209,8 @@ probes() {
         wall=$(inside "$measure" -n 3 -r "$remove; ip neigh flush dev eth0" $(active "probe$count") | cut -f 1)
         printf '| %s | %s | %s |\n' "$count" "$wall" "$(awk "BEGIN { printf \"%.2f\", $wall - $off - 400 }")"
     done
+    printf '\n## Who has an address\n\nWhat qorping tells of addresses, and after how long (medians of 5):\n\n'
+    bench/links.sh
 }
 
 write_configuration

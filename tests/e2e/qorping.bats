@@ -60,7 +60,7 @@ probe() {
 	10.8.0.1         1   by echo only: it is behind a gateway
 	10.7.0.2         1   by echo only: no link with hardware addresses and a carrier leads there
 	EOT
-    for address in 192.0.2.1 2001:db8::1 2001:db8::1%eth0 fe80::1%eth0; do
+    for address in 192.0.2.1 2001:db8::1{,%eth0} fe80::1{,%eth0}; do
         run -0 ip netns exec "$here" "$QOR_BIN/qorping" -c 1 -v "$address"
         [ "${lines[0]}" = 'qorping: asking by echo only: it is of this host, or of no single one' ]
     done

@@ -74,7 +74,7 @@ std::vector<network_link> askable_links(const ifaddrs *list, unsigned interface)
     return links;
 }
 
-/// Whether this host has the address: a link-local one on the zone's interface, any other on whichever.
+/// Whether this host has the address: a link-local one with zone on that interface, any other on whichever.
 bool is_carried_here(const ifaddrs *list, const probe_target &target)
 {
     for (const ifaddrs *entry = list; entry != nullptr; entry = entry->ifa_next) {
@@ -88,7 +88,7 @@ bool is_carried_here(const ifaddrs *list, const probe_target &target)
             std::memcpy(&own.v6, entry->ifa_addr, sizeof(own.v6));
         }
         if (same_address(own, target.address) &&
-            (!is_link_local(own) || own.v6.sin6_scope_id == target.interface)) {
+            (!is_link_local(own) || target.interface == 0 || target.interface == own.v6.sin6_scope_id)) {
             return true;
         }
     }
