@@ -80,6 +80,7 @@ route_match judge_attributes(const rtattr *attribute, int left)
     return match;
 }
 
+/// A route that refuses its packets comes as an error, as if there were none.
 route_match judge_route(const request &reply)
 {
     const auto *header = reinterpret_cast<const nlmsghdr *>(reply.bytes.data());
@@ -88,19 +89,11 @@ route_match judge_route(const request &reply)
         return {ROUTE_OPEN, 0};
     }
     const auto *route = static_cast<const rtmsg *>(NLMSG_DATA(header));
-    switch (route->rtm_type) {
-    case RTN_UNICAST:
-        return route->rtm_dst_len == 0
-                   ? route_match{ROUTE_OPEN, 0}
-                   : judge_attributes(RTM_RTA(route), static_cast<int>(RTM_PAYLOAD(header)));
-    case RTN_UNREACHABLE:
-    case RTN_PROHIBIT:
-    case RTN_BLACKHOLE:
-    case RTN_THROW:
-        return {ROUTE_OPEN, 0};
-    default:
+    if (route->rtm_type != RTN_UNICAST) {
         return {ROUTE_HERE, 0};
     }
+    return route->rtm_dst_len == 0 ? route_match{ROUTE_OPEN, 0}
+                                   : judge_attributes(RTM_RTA(route), static_cast<int>(RTM_PAYLOAD(header)));
 }
 
 } // namespace
