@@ -54,6 +54,19 @@ ssize_t __wrap_sendto(int fd, const void *data, std::size_t size, int, const soc
 
 using IfaddrsTest = FipTest;
 
+static long open_sockets()
+{
+    const auto is_socket = [](const auto &fd) {
+        return fs::read_symlink(fd).string().starts_with("socket:");
+    };
+    std::error_code gone;
+    long sockets = 0;
+    for (const auto &fd : fs::directory_iterator("/proc/self/fd")) {
+        sockets += fs::exists(fs::symlink_status(fd, gone)) && is_socket(fd) ? 1 : 0;
+    }
+    return sockets;
+}
+
 TEST_F(IfaddrsTest, AnnouncesAndLists)
 {
     const std::string mac = "a1a2a3a4a5a6", ip = "c0a80064", mac20 = mac + "a7a8a9aaabacadaeafb0b1b2b3b4";
@@ -100,6 +113,8 @@ TEST_F(IfaddrsTest, AnnouncesAndLists)
         dev.nipel.addr = {inet_addr("192.168.0.100")};
         EXPECT_TRUE(outcome(fip_send_arp(&dev, 2, 2)).starts_with(row.outcome)) << row.outcome;
         EXPECT_EQ(sent, row.sent);
+        fip_close_arp();
+        EXPECT_EQ(open_sockets(), row.rings ? 0 : 1); // which waits for the end of the process
         EXPECT_EQ(hex(dev.macaddr, 20).starts_with(row.length > 6 ? mac20 : mac), !sent.empty());
         ipaddrinfo *rows = nullptr;
         int num = 0;
@@ -108,5 +123,5 @@ TEST_F(IfaddrsTest, AnnouncesAndLists)
         EXPECT_EQ(hex(rows->macaddr, row.listed.size() / 2), row.listed);
         free(rows);
     }
-    EXPECT_EQ(open_files(), open_before + 1); // the last socket waits for the end of the process
+    EXPECT_EQ(open_files(), open_before + 1); // the ring
 }

@@ -33,26 +33,13 @@ constexpr std::size_t ip_length = sizeof(in_addr);
 /// How long a send may wait for room in the device's queue, seconds: a stuck device must not hang the run.
 constexpr int send_limit_s = 1;
 
-/// What the end of the process closes of the last announcement: a ring that holds its packet socket or, where
-/// that cannot be, the socket itself. Closing a packet socket waits for an RCU grace period, 10 ms or so, and
-/// the announcement is made inside the critical section: with fifty addresses to take over, the last of them
+/// The packet socket of the last announcement. Closing it waits for an RCU grace period, 10 ms or so, and the
+/// announcement is made inside the critical section: with fifty addresses to take over, the last of them
 /// would be up half a second later.
-unique_fd left_ring;
 unique_fd left_socket;
 
-/// Leaves the close of the socket to the kernel. The files that are registered with an io_uring (io_uring(7))
-/// are released by a kernel thread after the ring itself is closed, so that nobody waits. Before Linux 5.13,
-/// where IORING_FEAT_RSRC_TAGS came, the registration would wait instead; an administrator may have switched
-/// rings off, or no descriptor be free. Then it is the process's end that takes longer.
-void close_behind(unique_fd *sock)
-{
-    io_uring_params params = {};
-    left_ring.reset(static_cast<int>(syscall(SYS_io_uring_setup, 1, &params)));
-    if ((params.features & IORING_FEAT_RSRC_TAGS) == 0 ||
-        syscall(SYS_io_uring_register, left_ring.fd, IORING_REGISTER_FILES, &sock->fd, 1) != 0) {
-        left_socket.reset(std::exchange(sock->fd, -1));
-    }
-}
+/// Holds that socket, for the kernel to close it.
+unique_fd left_ring;
 
 const unsigned char *mac_of(const sockaddr_ll *sll)
 {
@@ -144,7 +131,7 @@ int announce(const vdevinfo &dev, const ifaddrs &entry, int count, int opcode)
     const timeval limit = {send_limit_s, 0};
     setsockopt(sock.fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
     const int ret = send_packets(sock.fd, pkt, pktsz, dst.get(), dstsz, count);
-    close_behind(&sock);
+    left_socket.reset(std::exchange(sock.fd, -1));
     return ret;
 }
 
@@ -202,4 +189,21 @@ int fip_send_arp(vdevinfo *pvdevinfo, int count, int opcode)
     }
     record_mac(pvdevinfo, reinterpret_cast<const sockaddr_ll *>(entry->ifa_addr));
     return announce(*pvdevinfo, *entry, count, opcode);
+}
+
+void fip_close_arp()
+{
+    if (left_socket.fd < 0) {
+        return;
+    }
+    // The files that are registered with an io_uring (io_uring(7)) are released by a kernel thread after the
+    // ring itself is closed, so that nobody waits. Before Linux 5.13, where IORING_FEAT_RSRC_TAGS came, the
+    // registration would wait instead; an administrator may have switched rings off, or no descriptor be
+    // free. Then it is the process's end that takes longer.
+    io_uring_params params = {};
+    left_ring.reset(static_cast<int>(syscall(SYS_io_uring_setup, 1, &params)));
+    if ((params.features & IORING_FEAT_RSRC_TAGS) != 0 &&
+        syscall(SYS_io_uring_register, left_ring.fd, IORING_REGISTER_FILES, &left_socket.fd, 1) == 0) {
+        left_socket.reset();
+    }
 }

@@ -6,6 +6,7 @@
 #include "../worker.h"
 #include "activate.h"
 #include "address.h"
+#include "arp.h"
 #include "check_mode.h"
 #include "conf_check.h"
 #include "config.h"
@@ -319,5 +320,6 @@ int main(int argc, char **argv)
     if (worker_left_behind()) {
         _exit(code);
     }
+    fip_close_arp();
     return code;
 }
