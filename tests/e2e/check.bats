@@ -44,6 +44,13 @@ arp_finding="E [004] Value of ARP Send Count $range=1000)"
         "E [004] Value of Confirm I/F Reception $range=-1)"
     judge "$(body 10.0.0.1 '<monmii>2</monmii>')" "E [004] Value of Judge NIC Link Down as Abnormal $range=2)"
     judge "$(body ::1 '<arp><retry>999</retry></arp><ifconfig><timeout>9999</timeout></ifconfig>')" "$passed"
+    # The later parameters have no limits in a policy from before them, and may be unknown to it.
+    later='<nd><retry>-1</retry><dad>3</dad><timeout>0</timeout></nd><guard><interface>2</interface></guard>'
+    judge "$(body ::1 "$later")" "E [004] Value of NA Send Count $range=-1)" "E [004] Value of DAD Mode $range=3)" \
+        "E [004] Value of DAD Timeout $range=0)" "E [004] Value of Interface Guard $range=2)"
+    sed -i -e '/<param1[0-9]/d' -e '/<nd>/,/<.guard>/d' home/etc/policy/fip.xml
+    judge "$(body ::1 "$later")" "$passed"
+    judge "$good" "$passed"
     # Each server's own address comes after the common one, in the order of the servers.
     servers='<server name="s2"/><server name="s1"/>'
     judge "$good<server name='s1'><parameters><ip>1.2.3.4/99</ip></parameters></server>

@@ -27,7 +27,8 @@ teardown() {
     done
 }
 
-# The home as installed, but with every trace level and without what costs seconds.
+# The home as installed, but with every trace level, without what costs seconds, and with the practice of old:
+# a test that wants today's asks for it.
 make_home() {
     : "${QOR_SOURCE:?the source tree}" "${QOR_BIN:?the programs}"
     mkdir "$QOR_HOME" "$QOR_HOME/bin"
@@ -38,6 +39,13 @@ make_home() {
     sed -i "s|/opt/qor|$QOR_HOME|" "$QOR_HOME/etc/policy/all.xml"
     sed -i -E 's|(<level>).*<|\18<|; /<ping>|<check>/,/<.ping>/ s/(<(timeout|interval|execute)>).*</\10</' \
         "$QOR_HOME/etc/policy/fip.xml"
+    practice 0 1 0
+}
+
+# practice RETRY DAD GUARD: nd/retry, nd/dad and guard/interface of all resources
+practice() {
+    sed -i -E "/<nd>/,/<.nd>/ { s/(<retry>).*</\\1$1</; s/(<dad>).*</\\1$2</ }
+        /<guard>/,/<.guard>/ s/(<interface>).*</\\1$3</" "$QOR_HOME/etc/policy/fip.xml"
 }
 
 make_network() {

@@ -10,6 +10,7 @@ protected:
     std::string read(const std::string &parameters, int act = 0, const std::string &spoiled = "")
     {
         info = {};
+        practice = {0, 1, 5, 0}; // as at the start of a run
         copy_text(info.rscname, "fip1");
         start_config("<fip name='fip1'><parameters>" + parameters + "</parameters></fip>");
         fs::remove(home / "etc/policy" / (spoiled + ".xml"));
@@ -29,6 +30,7 @@ const std::string all_set = R"(<ip>10.0.0.1/24%eth0:1</ip>
     <ifconfig><use>21</use><timeout>22</timeout></ifconfig><check><ifconfig><sleeptime>1000</sleeptime>
     <execute>23</execute><retry>24</retry><interval>25</interval><error>26</error></ifconfig>
     <ping><execute>27</execute><retry>28</retry><interval>29</interval><error>30</error></ping></check>
+    <nd><retry>33</retry><dad>34</dad><timeout>35</timeout></nd><guard><interface>36</interface></guard>
     <defmethod>31</defmethod><monmii>32</monmii></parameters></fip>
     <fip><parameters><ping><path>p</path></ping>
     <arp><path>a</path></arp><ifconfig><path>i</path></ifconfig>)";
@@ -37,10 +39,10 @@ TEST_F(ConfigTest, ReadsParameters_ByRunMode)
 {
     const std::string none = "<ip>1.2.3.4</ip>", tools = "bin/qorping arp ifconfig ";
     const std::tuple<std::string, int, std::string> cases[] = {
-        {none, 0, tools + "1 0 1 0 0 0 1 1 60 0 0 0 0 0 0 0 0 10000 6000 0 0 0 0"},
-        {none, 1, tools + "1 0 1 0 0 0 1 1 60 1 3 1 0 1 3 1 0 10000 6000 0 0 0 0"},
-        {all_set, 0, "p a i 11 12 13 14 15 16 18 19 22 0 0 0 0 0 0 0 0 1000 22000 31 32 21 20"},
-        {all_set, 1, "p a i 1 0 1 0 0 17 18 19 22 23 24 25 26 27 28 29 30 1000 22000 31 32 0 20"},
+        {none, 0, tools + "1 0 1 0 0 0 1 1 60 0 0 0 0 0 0 0 0 10000 6000 0 0 0 0 0 1 5 0"},
+        {none, 1, tools + "1 0 1 0 0 0 1 1 60 1 3 1 0 1 3 1 0 10000 6000 0 0 0 0 0 1 5 0"},
+        {all_set, 0, "p a i 11 12 13 14 15 16 18 19 22 0 0 0 0 0 0 0 0 1000 22000 31 32 21 20 33 34 35 36"},
+        {all_set, 1, "p a i 1 0 1 0 0 17 18 19 22 23 24 25 26 27 28 29 30 1000 22000 31 32 0 20 0 1 5 36"},
     };
     for (const auto &[parameters, act, expected] : cases) {
         EXPECT_EQ(read(parameters, act).substr(0, 2), "0 ");
@@ -49,7 +51,8 @@ TEST_F(ConfigTest, ReadsParameters_ByRunMode)
                        i.pingallip, i.pingnpsimu, i.arpnum, i.arpopcode, i.ifconftout, i.checkifexec,
                        i.checkifretry, i.checkifinterval, i.checkiferror, i.checkpiexec, i.checkpiretry,
                        i.checkpiinterval, i.checkpierror, i.checkstime, i.checkloopc, i.miiw_method, i.isMiiw,
-                       i.ifconfuse, i.srcipuse),
+                       i.ifconfuse, i.srcipuse, practice.ndretry, practice.nddad, practice.ndtimeout,
+                       practice.guardif),
                   expected);
     }
     EXPECT_EQ(join(info.addr, info.mask, info.masklen, info.ifname, fullnotation, inspath),

@@ -95,6 +95,22 @@ struct FIP_INFO {
     int srcipuse;  ///< 1: the address becomes the source of the interface's routes
 };
 
+/// What the resource's configuration asks for beyond the record: practice that an old configuration does not
+/// know, and that is off unless it is asked for. Filled by fip_xml_get_config.
+struct FIP_PRACTICE {
+    int ndretry;   ///< IPv6: unsolicited neighbour advertisements
+    int nddad;     ///< a value of fip_nddad
+    int ndtimeout; ///< seconds to wait for the end of duplicate address detection
+    int guardif;   ///< non-zero: a removal takes only its own address
+};
+
+/// When an IPv6 address is added without the kernel's duplicate address detection (DAD, RFC 4862 5.4).
+enum fip_nddad {
+    NDDAD_NEVER_RUN = 0,
+    NDDAD_RUN = 1,
+    NDDAD_UNLESS_ASKED = 2 ///< it runs unless this run's duplicate-address check has asked already
+};
+
 /// Argument and result of the inventory worker.
 struct IPADDR_INFO {
     int ret;
@@ -134,6 +150,8 @@ extern int nomuseflag;   ///< non-zero: the address comes from the command line 
 extern int dynamicflag;  ///< 1: parameters come from the configuration under check
 extern int ipv6flag;     ///< 1: the address is IPv6
 extern int fullnotation; ///< 1: the address names its interface and alias ("trusted mode")
+
+extern FIP_PRACTICE practice; ///< written by fip_xml_get_config only
 
 extern char inspath[FIP_PATH_SIZE];   ///< the suite's installation path
 extern char rdrctpath[FIP_PATH_SIZE]; ///< the check log's name below it

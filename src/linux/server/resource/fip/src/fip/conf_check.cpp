@@ -41,6 +41,14 @@ constexpr numeric_param params[] = {
     {"Judge NIC Link Down as Abnormal", "/root/resource/fip@%s/parameters/monmii", nullptr},
 };
 
+/// Parameters that came later: a configuration or a policy may be from before.
+constexpr numeric_param later_params[] = {
+    {"NA Send Count", "/root/resource/fip@%s/parameters/nd/retry", "10"},
+    {"DAD Mode", "/root/resource/fip@%s/parameters/nd/dad", "11"},
+    {"DAD Timeout", "/root/resource/fip@%s/parameters/nd/timeout", "12"},
+    {"Interface Guard", "/root/resource/fip@%s/parameters/guard/interface", "13"},
+};
+
 /// Reads one half of the file's name.
 int read_name(const char *type, const char *path, char (&name)[FIP_PATH_SIZE])
 {
@@ -77,6 +85,37 @@ int write_finding(logindex row, const char *value)
     return CHK_FINDING;
 }
 
+bool exists(const char *format, const char *name)
+{
+    char path[FIP_PATH_SIZE];
+    format_path(path, format, name, "");
+    int value = 0;
+    int size = sizeof(value);
+    return xmllib_get_value(path, QOR_XMLTYPE_INT, &value, &size) != QOR_XMLERR_NOTEXIST_PATH;
+}
+
+/// Checks the later parameters as far as there is one, and a limit for it. @return a chk_result
+int check_later_values(const char *rscname)
+{
+    int result = CHK_PASSED;
+    for (const numeric_param &param : later_params) {
+        if (!exists(param.path, rscname)) {
+            continue;
+        }
+        if (!exists("/root/resource/fip/param%s/type", param.index)) {
+            TRACE_AS(check_name, TRACE_WARNING, "Value of %s is not checked: the policy has no param%s.",
+                     param.name, param.index);
+            continue;
+        }
+        const int checked = check_numeric_values(rscname, &param, 1, logtbl[CHK_ID_RANGE_ERR].index);
+        if (checked == CHK_UNREADABLE) {
+            return checked;
+        }
+        result |= checked;
+    }
+    return result;
+}
+
 /// Runs both checks with the policy loaded. *finding tells whether one wrote a finding.
 /// @return 0, or CHK_UNREADABLE
 int check_values(const char *rscname, int *finding)
@@ -87,8 +126,11 @@ int check_values(const char *rscname, int *finding)
         return text;
     }
     *finding |= text;
-    const int numeric =
-        check_numeric_values(rscname, params, std::size(params), logtbl[CHK_ID_RANGE_ERR].index);
+    int numeric = check_numeric_values(rscname, params, std::size(params), logtbl[CHK_ID_RANGE_ERR].index);
+    if (numeric != CHK_UNREADABLE) {
+        *finding |= numeric;
+        numeric = check_later_values(rscname);
+    }
     if (numeric == CHK_UNREADABLE) {
         TRACE_AS(check_name, TRACE_ERROR, "check_numeric_values() failed. (ret=%d)", numeric);
         return numeric;

@@ -71,15 +71,34 @@ constexpr int_param link_params[] = {
     {"monmii", &FIP_INFO::isMiiw, 0},
 };
 
-/// Reads one int parameter. @return false, with a line in the trace, when it cannot be read
-bool read_int(const char *rscname, const char *key, int *value)
+/// One int parameter of the practice beyond the record.
+struct practice_param {
+    const char *key;
+    int FIP_PRACTICE::*member;
+    int otherwise;
+};
+
+constexpr practice_param nd_params[] = {
+    {"nd/retry", &FIP_PRACTICE::ndretry, 0},
+    {"nd/dad", &FIP_PRACTICE::nddad, NDDAD_RUN},
+    {"nd/timeout", &FIP_PRACTICE::ndtimeout, 5},
+};
+
+constexpr practice_param guard_params[] = {
+    {"guard/interface", &FIP_PRACTICE::guardif, 0},
+};
+
+/// Reads one int parameter. @return false when it cannot be read; then there is a line in the trace of the
+/// level `absent` when there is none, else of level 2
+bool read_int(const char *rscname, const char *key, int *value, int absent = TRACE_WARNING)
 {
     char path[FIP_PATH_SIZE];
     snprintf(path, sizeof(path), "/root/resource/fip@%s/parameters/%s", rscname, key);
     int size = sizeof(*value);
     const int ret = xmllib_get_value(path, QOR_XMLTYPE_INT, value, &size);
     if (ret != QOR_XMLERR_SUCCESS) {
-        TRACE_AS(self, TRACE_WARNING, "xmllib_get_value(%s) failed. (ret=%d)", path, ret);
+        TRACE_AS(self, ret == QOR_XMLERR_NOTEXIST_PATH ? absent : TRACE_WARNING,
+                 "xmllib_get_value(%s) failed. (ret=%d)", path, ret);
         return false;
     }
     return true;
@@ -90,6 +109,16 @@ void read_ints(FIP_INFO *info, std::span<const int_param> params)
     for (const int_param &param : params) {
         int value = 0;
         info->*param.member = read_int(info->rscname, param.key, &value) ? value : param.otherwise;
+    }
+}
+
+/// A configuration from before these parameters lacks them rightly.
+void read_practice(const FIP_INFO &info, std::span<const practice_param> params)
+{
+    for (const practice_param &param : params) {
+        int value = 0;
+        practice.*param.member =
+            read_int(info.rscname, param.key, &value, TRACE_DEBUG) ? value : param.otherwise;
     }
 }
 
@@ -157,6 +186,14 @@ void read_parameters(FIP_INFO *info)
     read_ints(info, arp_params);
     TRACE_AS(self, TRACE_DEBUG, "arp        = cmd:%s,num:%d,opcode:%d", info->arpcmd, info->arpnum,
              info->arpopcode);
+
+    if (actflag == 0) {
+        read_practice(*info, nd_params);
+        TRACE_AS(self, TRACE_DEBUG, "nd         = num:%d,dad:%d,to:%d", practice.ndretry, practice.nddad,
+                 practice.ndtimeout);
+    }
+    read_practice(*info, guard_params);
+    TRACE_AS(self, TRACE_DEBUG, "guard      = if:%d", practice.guardif);
 
     read_ints(info, srcip_params);
     TRACE_AS(self, TRACE_DEBUG, "srcip      = use:%d", info->srcipuse);
