@@ -1,5 +1,6 @@
 #include "nicCommon.h"
 
+#include "netlink.h"
 #include "text.h"
 #include "tracersc.h"
 #include "unique_fd.h"
@@ -83,8 +84,26 @@ int bring_up(request *req)
     return NIC_SUCCESS;
 }
 
+/// Adds the IPv6 address without duplicate address detection, which SIOCSIFADDR cannot leave out. 0, or an
+/// error number.
+int place_unasked(const vdevinfo &dev, int ifindex)
+{
+    ifaddrmsg body = {};
+    body.ifa_family = AF_INET6;
+    body.ifa_prefixlen = static_cast<unsigned char>(dev.sipel.masklen);
+    body.ifa_flags = IFA_F_NODAD;
+    body.ifa_index = static_cast<unsigned>(ifindex);
+    nl_socket kernel;
+    nl_list answer;
+    nl_request message;
+    nl_begin(&message, RTM_NEWADDR, NLM_F_CREATE | NLM_F_EXCL, body);
+    nl_add(&message, IFA_LOCAL, dev.nipel6.addr);
+    const int err = nl_open(&kernel, 0);
+    return err != 0 ? err : nl_exchange(&kernel, &message, &answer);
+}
+
 /// Adds the IPv6 address. *placed tells whether it stands on the interface, whatever happened afterwards.
-int add_ipv6(request *req, const vdevinfo &dev, bool *placed)
+int add_ipv6(request *req, const vdevinfo &dev, bool dad, bool *placed)
 {
     if (!open_socket(req, AF_INET6)) {
         TRACE_AS(act_name, TRACE_ERROR, "scoket failed.(errno=%d)", errno);
@@ -94,7 +113,13 @@ int add_ipv6(request *req, const vdevinfo &dev, bool *placed)
         TRACE_AS(act_name, TRACE_ERROR, "SIOCGIFINDEX failed.(errno=%d)", errno);
         return NIC_ERR_SIOCGIFINDEX;
     }
-    if (issue_in6(*req, SIOCSIFADDR, dev, req->ifr.ifr_ifindex) < 0) {
+    if (!dad) {
+        const int err = place_unasked(dev, req->ifr.ifr_ifindex);
+        if (err != 0) {
+            TRACE_AS(act_name, TRACE_ERROR, "RTM_NEWADDR failed.(errno=%d)", err);
+            return NIC_ERR_SIOCSIFADDR;
+        }
+    } else if (issue_in6(*req, SIOCSIFADDR, dev, req->ifr.ifr_ifindex) < 0) {
         TRACE_AS(act_name, TRACE_ERROR, "SIOCSIFADDR failed.(errno=%d)", errno);
         return NIC_ERR_SIOCSIFADDR;
     }
@@ -233,13 +258,13 @@ in_addr nic_broadcast(const vdevinfo &dev)
     return bcast;
 }
 
-int nic_act_ipaddr_ioctl(const vdevinfo *pvdevinfo)
+int nic_act_ipaddr_ioctl(const vdevinfo *pvdevinfo, bool dad)
 {
     TRACE(TRACE_DEBUG, "nic_act_ipaddr_ioctl(%s)  ENTRY...", pvdevinfo->sipel.addr);
     request req;
     prepare(&req, *pvdevinfo);
     bool deactAfterAct = false;
-    const int ret = nic_ipck(pvdevinfo->sipel.addr) != 0 ? add_ipv6(&req, *pvdevinfo, &deactAfterAct)
+    const int ret = nic_ipck(pvdevinfo->sipel.addr) != 0 ? add_ipv6(&req, *pvdevinfo, dad, &deactAfterAct)
                                                          : add_ipv4(&req, *pvdevinfo, &deactAfterAct);
     if (ret != NIC_SUCCESS && deactAfterAct) {
         const int undo = nic_deact_ipaddr_ioctl(pvdevinfo);

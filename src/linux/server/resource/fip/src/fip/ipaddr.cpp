@@ -2,6 +2,7 @@
 
 #include "../command.h"
 #include "../text.h"
+#include "guard.h"
 #include "source.h"
 
 #include <arpa/inet.h>
@@ -59,6 +60,26 @@ int change_by_command(const char *self, const std::shared_ptr<IP_CMD_INFO> &bloc
     return ret != FIP_SUCCESS ? ret : block->ret;
 }
 
+/// Removes the address in the one way or the other, with whatever that takes with it.
+int remove_plainly(const vdevinfo *pvdevinfo, const FIP_INFO *pfipinfo)
+{
+    constexpr char self[] = "fip_deact_ipaddr";
+    if (IsIfconfig != 0) {
+        const auto block = std::make_shared<IP_CMD_INFO>();
+        const bool whole = remove_command(*pfipinfo, block.get());
+        return change_by_command(self, block, whole, *pfipinfo);
+    }
+    const int ret = nic_deact_ipaddr_ioctl(pvdevinfo);
+    if (ret != NIC_SUCCESS) {
+        TRACE_AS(self, TRACE_ERROR, "nic_deact_ipaddr_ioctl(%s -> %s) failed.(ret(in nicCommon)=%d)",
+                 pvdevinfo->sipel.addr, pvdevinfo->ifname, ret);
+        fip_set_message("Delete ip(%s) failed.", pvdevinfo->sipel.addr);
+        return FIP_ERR_DELETE;
+    }
+    TRACE_AS(self, TRACE_DEBUG, "nic_deact_ipaddr_ioctl() succeeded.");
+    return FIP_SUCCESS;
+}
+
 } // namespace
 
 void *fip_cmd_system(void *parg)
@@ -83,7 +104,7 @@ void *fip_cmd_system(void *parg)
     return nullptr;
 }
 
-int fip_act_ipaddr(const vdevinfo *pvdevinfo, const FIP_INFO *pfipinfo)
+int fip_act_ipaddr(const vdevinfo *pvdevinfo, const FIP_INFO *pfipinfo, bool dad)
 {
     TRACE(TRACE_DEBUG, "fip_act_ipaddr()  ENTRY...");
     if (nic_check_name(nic_device_name(*pvdevinfo)) != NIC_SUCCESS) {
@@ -94,7 +115,7 @@ int fip_act_ipaddr(const vdevinfo *pvdevinfo, const FIP_INFO *pfipinfo)
         const bool whole = add_command(*pvdevinfo, *pfipinfo, block.get());
         return change_by_command(__func__, block, whole, *pfipinfo);
     }
-    const int ret = nic_act_ipaddr_ioctl(pvdevinfo);
+    const int ret = nic_act_ipaddr_ioctl(pvdevinfo, dad);
     if (ret != NIC_SUCCESS) {
         TRACE(TRACE_ERROR, "nic_act_ipaddr_ioctl(%s -> %s(%s)) failed. (ret(in nicCommon)=%d)",
               pvdevinfo->sipel.addr, pvdevinfo->ifname, pvdevinfo->vdevname, ret);
@@ -108,18 +129,7 @@ int fip_act_ipaddr(const vdevinfo *pvdevinfo, const FIP_INFO *pfipinfo)
 int fip_deact_ipaddr(const vdevinfo *pvdevinfo, const FIP_INFO *pfipinfo)
 {
     TRACE(TRACE_DEBUG, "fip_deact_ipaddr()  ENTRY...");
-    if (IsIfconfig != 0) {
-        const auto block = std::make_shared<IP_CMD_INFO>();
-        const bool whole = remove_command(*pfipinfo, block.get());
-        return change_by_command(__func__, block, whole, *pfipinfo);
-    }
-    const int ret = nic_deact_ipaddr_ioctl(pvdevinfo);
-    if (ret != NIC_SUCCESS) {
-        TRACE(TRACE_ERROR, "nic_deact_ipaddr_ioctl(%s -> %s) failed.(ret(in nicCommon)=%d)",
-              pvdevinfo->sipel.addr, pvdevinfo->ifname, ret);
-        fip_set_message("Delete ip(%s) failed.", pvdevinfo->sipel.addr);
-        return FIP_ERR_DELETE;
-    }
-    TRACE(TRACE_DEBUG, "nic_deact_ipaddr_ioctl() succeeded.");
-    return FIP_SUCCESS;
+    // An IPv6 address always goes alone.
+    const bool guarded = practice.guardif != 0 && ipv6flag == 0;
+    return guarded ? fip_guard(pvdevinfo, pfipinfo, remove_plainly) : remove_plainly(pvdevinfo, pfipinfo);
 }

@@ -6,12 +6,14 @@
 
 /// Adds the address of the target record. By ioctl when IsIfconfig is 0, else by command within the
 /// resource's time-out.
+/// @param dad  IPv6: the kernel's duplicate address detection (DAD) runs. By command it always does.
 /// @return 0; FIP_ERR_ADD; FIP_ERR_STATUS or FIP_ERR_ABNORMAL for the command's end (the latter also when the
 ///         command line is too long to be run whole); FIP_ERR_THREAD; FIP_ERR_TIMEOUT. Each leaves a result
 ///         message.
-[[nodiscard]] int fip_act_ipaddr(const vdevinfo *pvdevinfo, const FIP_INFO *pfipinfo);
+[[nodiscard]] int fip_act_ipaddr(const vdevinfo *pvdevinfo, const FIP_INFO *pfipinfo, bool dad = true);
 
-/// Removes it. By command the resource record's ifname, addr and masklen say what is removed.
+/// Removes it. By command the resource record's ifname, addr and masklen say what is removed. With
+/// guard/interface an IPv4 address goes through fip_guard, which takes care of what would go with it.
 /// @return as fip_act_ipaddr, with FIP_ERR_DELETE for FIP_ERR_ADD
 [[nodiscard]] int fip_deact_ipaddr(const vdevinfo *pvdevinfo, const FIP_INFO *pfipinfo);
 
