@@ -6,6 +6,7 @@
 #include "inventory.h"
 #include "ipaddr.h"
 #include "miiw.h"
+#include "nd.h"
 #include "ping.h"
 #include "platform.h"
 #include "record.h"
@@ -30,6 +31,8 @@ struct activation {
     int rownum = 0;
     vdevinfo target = {};
     unique_fd link_socket = unique_fd(); ///< what the link is asked through
+    bool asked = false;                  ///< the duplicate-address check found nobody, or was overridden
+    dad_look dad = {DAD_UNKNOWN, 0};
 };
 
 /// Source routing applies: configured, and an IPv4 address.
@@ -39,7 +42,8 @@ bool uses_source_routing(const FIP_INFO &info)
 }
 
 /// Makes sure that no other host answers on the address, unless the node's npsimu flag says to skip that.
-int check_duplicate(FIP_INFO *info)
+/// *asked tells whether it was not skipped.
+int check_duplicate(FIP_INFO *info, bool *asked)
 {
     if (info->pingtout == 0) {
         return FIP_SUCCESS;
@@ -48,6 +52,7 @@ int check_duplicate(FIP_INFO *info)
         TRACE_AS(self, TRACE_INFO, "ping was not executed because npsimu is enabled.");
         return FIP_SUCCESS;
     }
+    *asked = true;
     const int ret = fip_ping(info);
     if (ret != FIP_SUCCESS) {
         TRACE_AS(self, TRACE_ERROR, "fip_ping() failed. (ret=%d)", ret);
@@ -145,9 +150,15 @@ int check_source(activation *act)
     return FIP_SUCCESS;
 }
 
+/// Whether the kernel is to make sure, too, that nobody has the IPv6 address.
+bool wants_dad(const activation &act)
+{
+    return practice.nddad != NDDAD_NEVER_RUN && !(practice.nddad == NDDAD_UNLESS_ASKED && act.asked);
+}
+
 int add_address(activation *act)
 {
-    const int ret = fip_act_ipaddr(&act->target, act->info);
+    const int ret = fip_act_ipaddr(&act->target, act->info, wants_dad(*act));
     if (ret != FIP_SUCCESS) {
         TRACE_AS(self, TRACE_ERROR, "fip_act_ipaddr() failed. (ret=%d)", ret);
         return ret;
@@ -199,6 +210,56 @@ int check_link(activation *act)
         fip_miiw_ioctl(&act->link_socket.fd, nic_device_name(act->target), act->info->miiw_method));
 }
 
+/// Tells of a DAD that has proved nothing.
+void tell_open_dad(const activation &act)
+{
+    const char *addr = act.info->addr;
+    if (act.dad.state == DAD_RUNNING) {
+        TRACE_AS(self, TRACE_WARNING, "DAD of %s is not over after %d s.", addr, practice.ndtimeout);
+    } else if (act.dad.state == DAD_SUSPENDED) {
+        TRACE_AS(self, TRACE_WARNING, "DAD of %s waits for the link of %s.", addr,
+                 nic_device_name(act.target));
+    }
+}
+
+/// Lets the duplicate address detection (DAD) of an address that is to be announced come to its end. Other
+/// runs have their turn meanwhile: this one chooses nothing any more. But one of them may have taken the
+/// address off, and perhaps put it on again as its own.
+int await_dad(activation *act)
+{
+    if (ipv6flag == 0 || practice.ndretry == 0) {
+        return FIP_SUCCESS;
+    }
+    dad_look *dad = &act->dad;
+    *dad = fip_look_dad(act->target);
+    const std::uint32_t created = dad->created;
+    if (dad->state == DAD_RUNNING) {
+        {
+            const ifconfig_pause others_turn;
+            fip_await_dad(act->target, practice.ndtimeout);
+        }
+        *dad = fip_look_dad(act->target);
+    }
+    if (dad->state == DAD_GONE || (dad->state != DAD_UNKNOWN && dad->created != created)) {
+        TRACE_AS(self, TRACE_ERROR, "%s is not there any more.", act->info->addr);
+        fip_set_message("Add ip(%s) failed.", act->info->addr);
+        return FIP_ERR_ADD;
+    }
+    tell_open_dad(*act);
+    return FIP_SUCCESS;
+}
+
+int refuse_duplicate(activation *act)
+{
+    if (act->dad.state != DAD_FAILED) {
+        return FIP_SUCCESS;
+    }
+    TRACE_AS(self, TRACE_ERROR, "DAD of %s failed.", act->info->addr);
+    tracemess(TRACE_EVENT, FIP_EVENT_INUSE, trace_source, __LINE__, self, nullptr, act->info->addr);
+    fip_set_message("IP address was already used.");
+    return FIP_ERR_INUSE;
+}
+
 int set_source(activation *act)
 {
     if (!uses_source_routing(*act->info)) {
@@ -242,10 +303,27 @@ int file_device(activation *act)
     return FIP_SUCCESS;
 }
 
+void announce_ipv6(const vdevinfo &target)
+{
+    if (practice.ndretry == 0) {
+        return;
+    }
+    const int ret = fip_send_na(target, practice.ndretry);
+    if (ret == FIP_SUCCESS) {
+        TRACE_AS(self, TRACE_INFO, "fip_send_na() OK.");
+    } else {
+        TRACE_AS(self, TRACE_WARNING, "fip_send_na() failed. (ret=%d)", ret);
+    }
+}
+
 /// Tells the neighbours. The address is up whatever comes of it, so this never fails the activation.
 int announce(activation *act)
 {
-    if (act->info->arpnum == 0 || ipv6flag != 0) {
+    if (ipv6flag != 0) {
+        announce_ipv6(act->target);
+        return FIP_SUCCESS;
+    }
+    if (act->info->arpnum == 0) {
         return FIP_SUCCESS;
     }
     const FIP_INFO &info = *act->info;
@@ -299,6 +377,8 @@ constexpr step steps[] = {
     {open_link_socket, nullptr,
      step::KEEP}, // nothing is known about the link: no reason to take an address off
     {check_link},
+    {await_dad, nullptr, step::KEEP}, // what was added is not there any more
+    {refuse_duplicate},
     {set_source},
     {record_address, undo_record},
     {file_device},
@@ -316,10 +396,11 @@ void undo_steps(activation *act, const step *failed)
 }
 
 /// Everything behind the duplicate-address check.
-int activate(FIP_INFO *info)
+int activate(FIP_INFO *info, bool asked)
 {
     const ifconfig_section section(!is_trusted(*info));
     activation act{info, nullptr};
+    act.asked = asked;
     for (const step &next : steps) {
         const int ret = fip_bound_memory([&next, &act] { return next.run(&act); });
         if (ret == FIP_SUCCESS) {
@@ -338,12 +419,13 @@ int activate(FIP_INFO *info)
 int fip_start_act(FIP_INFO *pfipinfo)
 {
     TRACE(TRACE_DEBUG, "fip_start_act(%p)  ENTRY...", static_cast<void *>(pfipinfo));
-    int ret = check_duplicate(pfipinfo);
+    bool asked = false;
+    int ret = check_duplicate(pfipinfo, &asked);
     if (ret != FIP_SUCCESS) {
         TRACE(TRACE_INFO, "return(%d)", ret);
         return ret;
     }
-    ret = activate(pfipinfo);
+    ret = activate(pfipinfo, asked);
     TRACE(TRACE_DEBUG, "return(%d)", ret);
     return ret;
 }

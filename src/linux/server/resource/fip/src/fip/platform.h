@@ -5,6 +5,8 @@
 #ifndef FIP_PLATFORM_H
 #define FIP_PLATFORM_H
 
+#include "../fip.h"
+
 int fip_shmrm_attach(); ///< @return 0, always
 int fip_shmrm_detach(); ///< @return 0, always
 
@@ -32,6 +34,26 @@ int fip_sem_entercrit_ifconfig();
 
 /// Leaves it when it was entered. @return 0, always
 int fip_sem_leavecrit_ifconfig();
+
+/// Leaves it for the length of a scope, when the run is in it.
+struct ifconfig_pause {
+    ifconfig_pause() : entered(sementifflag > 0)
+    {
+        if (entered) {
+            fip_sem_leavecrit_ifconfig();
+        }
+    }
+    ~ifconfig_pause()
+    {
+        if (entered) {
+            fip_sem_entercrit_ifconfig();
+        }
+    }
+    ifconfig_pause(const ifconfig_pause &) = delete;
+    ifconfig_pause &operator=(const ifconfig_pause &) = delete;
+
+    const bool entered;
+};
 
 /// The critical section for the length of a scope, when it is wanted.
 struct ifconfig_section {
