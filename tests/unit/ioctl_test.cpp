@@ -129,6 +129,16 @@ TEST_F(IoctlTest, UndoesWhatFailsHalfWay)
     EXPECT_EQ(nic_act_ipaddr_ioctl(&dev) * 100 + nic_deact_ipaddr_ioctl(&dev), 1015);
     EXPECT_EQ(fip_act_ipaddr(&dev, &info) * 100 + fip_deact_ipaddr(&dev, &info), 3011);
     EXPECT_EQ(kernel.asked, "");
+    copy_text(dev.vdevname, "eth0"); // with the guard, no interface is stopped
+    ipv6flag = 0;
+    IsIfconfig = 0;
+    for (practice.guardif = 1; practice.guardif >= 0; --practice.guardif) {
+        kernel = {"MASK", "-", -1, ""};
+        EXPECT_EQ(fip_act_ipaddr(&dev, &info), FIP_ERR_ADD);
+        EXPECT_EQ(kernel.asked, std::string("ADDR eth0 0a000001;MASK eth0 ff000000;") +
+                                    (practice.guardif == 0 ? "SFLAGS eth0 2;" : ""));
+    }
+    kernel = {"", "-", -1, ""};
     copy_text(dev.vdevname, "eth0:1"); // RFC 3021: a /31 and a /32 have no room for a broadcast address
     for (const auto *const mask : {"255.255.255.252", "255.255.255.254", "255.255.255.255"}) {
         dev.nipel.mask = {inet_addr(mask)};

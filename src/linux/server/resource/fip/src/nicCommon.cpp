@@ -258,7 +258,7 @@ in_addr nic_broadcast(const vdevinfo &dev)
     return bcast;
 }
 
-int nic_act_ipaddr_ioctl(const vdevinfo *pvdevinfo, bool dad)
+int nic_act_ipaddr_ioctl(const vdevinfo *pvdevinfo, bool dad, int (*undo)(const vdevinfo *))
 {
     TRACE(TRACE_DEBUG, "nic_act_ipaddr_ioctl(%s)  ENTRY...", pvdevinfo->sipel.addr);
     request req;
@@ -267,9 +267,9 @@ int nic_act_ipaddr_ioctl(const vdevinfo *pvdevinfo, bool dad)
     const int ret = nic_ipck(pvdevinfo->sipel.addr) != 0 ? add_ipv6(&req, *pvdevinfo, dad, &deactAfterAct)
                                                          : add_ipv4(&req, *pvdevinfo, &deactAfterAct);
     if (ret != NIC_SUCCESS && deactAfterAct) {
-        const int undo = nic_deact_ipaddr_ioctl(pvdevinfo);
-        if (undo != NIC_SUCCESS) {
-            TRACE(TRACE_ERROR, "nic_deact_ipaddr_ioctl(%s) failed.(ret=%d)", pvdevinfo->sipel.addr, undo);
+        const int undone = undo(pvdevinfo);
+        if (undone != NIC_SUCCESS) {
+            TRACE(TRACE_ERROR, "nic_deact_ipaddr_ioctl(%s) failed.(ret=%d)", pvdevinfo->sipel.addr, undone);
         } else {
             TRACE(TRACE_DEBUG, "nic_deact_ipaddr_ioctl() succeeded.");
         }

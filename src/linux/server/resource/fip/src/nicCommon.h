@@ -127,16 +127,18 @@ enum nic_layout { NIC_LAYOUT_OPEN, NIC_LAYOUT_OLDER, NIC_LAYOUT_NEWER };
 /// one (RFC 3021: both addresses of a /31 are hosts').
 [[nodiscard]] in_addr nic_broadcast(const vdevinfo &dev);
 
-/// Puts the address of the record on its interface, and brings that up. What was placed is taken off again
-/// when a later step fails.
-/// @param dad  IPv6: the kernel's duplicate address detection runs; without, the address is put on by
-/// rtnetlink
-/// @return 0, NIC_ERR_SOCKET, or the code of the request that failed
-[[nodiscard]] int nic_act_ipaddr_ioctl(const vdevinfo *pvdevinfo, bool dad = true);
-
 /// Takes the address of the record off its interface. On an alias this removes the alias; a physical
 /// interface is stopped, and cleared when it carries the record's address.
 /// @return 0, NIC_ERR_SOCKET, or the code of the request that failed
 [[nodiscard]] int nic_deact_ipaddr_ioctl(const vdevinfo *pvdevinfo);
+
+/// Puts the address of the record on its interface, and brings that up. What was placed is taken off again
+/// when a later step fails.
+/// @param dad   IPv6: the kernel's duplicate address detection runs; without, the address is put on by
+///              rtnetlink
+/// @param undo  how it is taken off again; returns 0 or a code for the trace
+/// @return 0, NIC_ERR_SOCKET, or the code of the request that failed
+[[nodiscard]] int nic_act_ipaddr_ioctl(const vdevinfo *pvdevinfo, bool dad = true,
+                                       int (*undo)(const vdevinfo *) = nic_deact_ipaddr_ioctl);
 
 #endif

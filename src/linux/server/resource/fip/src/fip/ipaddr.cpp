@@ -80,6 +80,21 @@ int remove_plainly(const vdevinfo *pvdevinfo, const FIP_INFO *pfipinfo)
     return FIP_SUCCESS;
 }
 
+/// Whether a removal takes only the address. One of IPv6 always goes alone.
+bool is_guarded()
+{
+    return practice.guardif != 0 && ipv6flag == 0;
+}
+
+/// Takes off what an addition that failed half-way has placed, and nothing else.
+int remove_placed(const vdevinfo *pvdevinfo)
+{
+    FIP_INFO placed = {};
+    copy_text(placed.addr, pvdevinfo->sipel.addr);
+    copy_text(placed.ifname, nic_device_name(*pvdevinfo));
+    return fip_guard(pvdevinfo, &placed, remove_plainly);
+}
+
 } // namespace
 
 void *fip_cmd_system(void *parg)
@@ -115,7 +130,8 @@ int fip_act_ipaddr(const vdevinfo *pvdevinfo, const FIP_INFO *pfipinfo, bool dad
         const bool whole = add_command(*pvdevinfo, *pfipinfo, block.get());
         return change_by_command(__func__, block, whole, *pfipinfo);
     }
-    const int ret = nic_act_ipaddr_ioctl(pvdevinfo, dad);
+    const int ret =
+        nic_act_ipaddr_ioctl(pvdevinfo, dad, is_guarded() ? remove_placed : nic_deact_ipaddr_ioctl);
     if (ret != NIC_SUCCESS) {
         TRACE(TRACE_ERROR, "nic_act_ipaddr_ioctl(%s -> %s(%s)) failed. (ret(in nicCommon)=%d)",
               pvdevinfo->sipel.addr, pvdevinfo->ifname, pvdevinfo->vdevname, ret);
@@ -129,7 +145,6 @@ int fip_act_ipaddr(const vdevinfo *pvdevinfo, const FIP_INFO *pfipinfo, bool dad
 int fip_deact_ipaddr(const vdevinfo *pvdevinfo, const FIP_INFO *pfipinfo)
 {
     TRACE(TRACE_DEBUG, "fip_deact_ipaddr()  ENTRY...");
-    // An IPv6 address always goes alone.
-    const bool guarded = practice.guardif != 0 && ipv6flag == 0;
-    return guarded ? fip_guard(pvdevinfo, pfipinfo, remove_plainly) : remove_plainly(pvdevinfo, pfipinfo);
+    return is_guarded() ? fip_guard(pvdevinfo, pfipinfo, remove_plainly)
+                        : remove_plainly(pvdevinfo, pfipinfo);
 }
