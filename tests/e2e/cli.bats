@@ -34,10 +34,10 @@ source "$BATS_TEST_DIRNAME/fip_helper.bash"
 	4||fip1|$wrong|1|$bad (-i ?)|--add -r fip1 -i ${long}x -a 192.0.2.10
 	4||fip1|$wrong|1|$bad (-a ?)|--add -r fip1 -a 192.0.2.10%veth:0$zeros
 	30||fip1|Success.|1|Interface name is too long.|--add -r fip1 -a 192.0.2.10%veth:$zeros
-	30||fip1|Success.|1|Interface name is too long.|--add -r fip1 -i ${long:0:16} -a 192.0.2.10
+	30||fip1|Internal error. (status=30)|1|Interface name is too long.|--add -r fip1 -i ${long:0:16} -a 192.0.2.10
 	30||fip1|Success.|1|Interface name is invalid.|--add -r fip1 -a '192.0.2.10%veth: 5'
-	30||fip1|Success.|1|Interface name is invalid.|--add -r fip1 -i \$'veth:\n5' -a 192.0.2.10
-	30||fip1|Success.|1|Interface name is an alternative one of veth. [IF: other:1]|--add -r fip1 -a 192.0.2.10%other:1
+	30||fip1|Internal error. (status=30)|1|Interface name is invalid.|--add -r fip1 -i \$'veth:\n5' -a 192.0.2.10
+	30||fip1|Internal error. (status=30)|1|Interface name is an alternative one of veth. [IF: other:1]|--add -r fip1 -a 192.0.2.10%other:1
 	9|$long|$long|Internal error. (status=9)|4|active   rsc:$long, grp:$long|--active -r $long -g $long
 	0|g1|fip1|Success.|4|active   rsc:fip1, grp:g1|--ACTIVE -R fip1 -G g1
 	0|g1|fip1|Success.|4|active   rsc:fip1, grp:g1|--Active -g g0 -r none -R fip1 -g g1

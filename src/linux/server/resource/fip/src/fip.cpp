@@ -56,6 +56,12 @@ int fip_internal_error(int code)
     return code;
 }
 
+int fip_out_of_memory()
+{
+    trace(TRACE_ERROR, "src/fip.c", __LINE__, __func__, "No memory. (errno=%d)", errno);
+    return fip_internal_error(FIP_ERR_MEMORY);
+}
+
 int fip_command_abnormal(const char *line, int error)
 {
     fip_set_message("Command failed. (%s(%s), errno=%d)", "pclose", line, error);
@@ -87,7 +93,7 @@ int fip_run_bounded(const worker_texts &texts, const FIP_INFO &info, worker_entr
     case WORKER_LATE:
         return fip_internal_error(FIP_ERR_TIMEOUT);
     case WORKER_NO_MEMORY:
-        return fip_internal_error(FIP_ERR_MEMORY);
+        return fip_out_of_memory();
     case WORKER_IN_TIME:
         break;
     }

@@ -52,7 +52,7 @@ enum fip_code {
     FIP_ERR_LINKDOWN = 35,  ///< the NIC link is down
     FIP_ERR_NICSTATUS = 36, ///< the NIC status cannot be read
     FIP_ERR_INVENTORY = 38, ///< the kernel inventory failed
-    FIP_ERR_ADD = 39,       ///< adding by ioctl failed
+    FIP_ERR_ADD = 39,       ///< adding by ioctl failed, or the address was gone again after its DAD
     FIP_ERR_DELETE = 40,    ///< removing by ioctl failed
     FIP_ERR_INTERNAL = 99
 };
@@ -177,6 +177,9 @@ void fip_set_message(const char *fmt, ...) __attribute__((format(printf, 1, 2)))
 /// @return code
 int fip_internal_error(int code);
 
+/// Tells of a failed allocation, in the trace and in the result message. @return FIP_ERR_MEMORY
+int fip_out_of_memory();
+
 /// Runs `job`, which returns a status, and turns a failed allocation into one. A handler for every exception
 /// would stop the cancellation of a worker, which unwinds like one.
 /// @return the job's status; FIP_ERR_MEMORY, with a result message
@@ -186,7 +189,7 @@ template <class Job>
     try {
         return job();
     } catch (const std::bad_alloc &) {
-        return fip_internal_error(FIP_ERR_MEMORY);
+        return fip_out_of_memory();
     }
 }
 

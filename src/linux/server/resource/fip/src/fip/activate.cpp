@@ -227,7 +227,7 @@ void tell_open_dad(const activation &act)
 /// address off, and perhaps put it on again as its own.
 int await_dad(activation *act)
 {
-    if (ipv6flag == 0 || practice.ndretry == 0) {
+    if (ipv6flag == 0 || practice.ndretry <= 0) {
         return FIP_SUCCESS;
     }
     dad_look *dad = &act->dad;
@@ -280,11 +280,6 @@ int record_address(activation *act)
     return FIP_SUCCESS;
 }
 
-void undo_record(activation *act)
-{
-    fip_record_down(act->info->rscname, act->info->addr);
-}
-
 /// Files the device's name in the resource state.
 int file_device(activation *act)
 {
@@ -305,7 +300,7 @@ int file_device(activation *act)
 
 void announce_ipv6(const vdevinfo &target)
 {
-    if (practice.ndretry == 0) {
+    if (practice.ndretry <= 0) {
         return;
     }
     const int ret = fip_send_na(target, practice.ndretry);
@@ -354,9 +349,10 @@ void undo_address(activation *act)
         TRACE_AS(self, TRACE_DEBUG,
                  "NIC link down or write shm failed, fip_deact_ipaddr(%s) failed. (ret=%d).", info->ifname,
                  ret);
-    } else {
-        TRACE_AS(self, TRACE_DEBUG, "NIC link down or write shm failed, fip_deact_ipaddr() succeeded.");
+        return; // it is up, and stays recorded so
     }
+    TRACE_AS(self, TRACE_DEBUG, "NIC link down or write shm failed, fip_deact_ipaddr() succeeded.");
+    fip_record_down(info->rscname, info->addr);
 }
 
 /// One step of the sequence.
@@ -374,13 +370,14 @@ constexpr step steps[] = {
     {choose_device},
     {check_source},
     {add_address, undo_address},
-    {open_link_socket, nullptr,
-     step::KEEP}, // nothing is known about the link: no reason to take an address off
+    {record_address},
+    // Nothing is known about the link: no reason to take an address off.
+    {open_link_socket, nullptr, step::KEEP},
     {check_link},
-    {await_dad, nullptr, step::KEEP}, // what was added is not there any more
+    // What was added is not there any more.
+    {await_dad, nullptr, step::KEEP},
     {refuse_duplicate},
     {set_source},
-    {record_address, undo_record},
     {file_device},
     {announce},
 };

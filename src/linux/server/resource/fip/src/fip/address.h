@@ -16,7 +16,7 @@ int fip_ipck(const char *paddr);
 /// @param masklen  the prefix length; set as written even when it is refused
 /// @param ifname   32 bytes: interface, alias included; may be null when the text holds no '%'
 /// @return 0; FIP_ERR_IPFORMAT, FIP_ERR_IFNAME, FIP_ERR_MASK for the piece that is wrong, too long for its
-///         field, a negative number, or an interface with white space in its name
+///         field, a negative number, or an interface or alias with white space in it
 [[nodiscard]] int fip_div_ipmask(const char *addrbuf, char *addr, char *mask, int *masklen, char *ifname);
 
 /// The same without an effect on the run's mode: for an address that is not the run's own.

@@ -195,7 +195,7 @@ int deactivate(FIP_INFO *info)
     const ifconfig_section section(!is_trusted());
     deactivation deact{info, nullptr};
     for (const auto step : steps) {
-        const int ret = step(&deact);
+        const int ret = fip_bound_memory([step, &deact] { return step(&deact); });
         if (ret != FIP_SUCCESS || deact.absent) {
             return ret;
         }

@@ -261,7 +261,9 @@ void fip_drop_cut_token(char *line)
     while (len > 0 && strchr(separators, line[len - 1]) == nullptr) {
         --len;
     }
-    line[len] = '\0';
+    if (len > 0) { // else it is a header's name, and what follows belongs to no other interface
+        line[len] = '\0';
+    }
 }
 
 int fip_read_inventory_line(inventory_reader *reader, char *line)

@@ -123,7 +123,7 @@ int fip_act_ipaddr(const vdevinfo *pvdevinfo, const FIP_INFO *pfipinfo, bool dad
 {
     TRACE(TRACE_DEBUG, "fip_act_ipaddr()  ENTRY...");
     if (nic_check_name(nic_device_name(*pvdevinfo)) != NIC_SUCCESS) {
-        return FIP_ERR_IFNAME;
+        return fip_internal_error(FIP_ERR_IFNAME);
     }
     if (IsIfconfig != 0) {
         const auto block = std::make_shared<IP_CMD_INFO>();
