@@ -1,12 +1,22 @@
 #include "qorxml.h"
 
 #include "home_fixture.h"
+#include "qorhome.h"
 
+#include <climits>
+#include <cstring>
+#include <libxml/xmlmemory.h>
 #include <unistd.h>
 
 namespace
 {
 using std::string_literals::operator""s;
+
+int allocations_left = INT_MAX; // of the parser's
+void *scarce(void *old, size_t size)
+{
+    return allocations_left-- > 0 ? realloc(old, size) : nullptr;
+}
 
 enum { text = QOR_XMLTYPE_TEXT, number = QOR_XMLTYPE_INT, unknown, names };
 
@@ -160,6 +170,11 @@ TEST_F(XmlTest, RefusesHostileDocument_AndKeepsQuiet)
                                  "[<!ENTITY l 'ha'><!ENTITY m '&l;&l;'>]><r/>",
                                  "><r>\xff\xfe</r>",
                                  "><r>\0</r>"s,
+                                 "><r/>\0"s,
+                                 "><r/>\0<x/>"s,
+                                 "><r/>" + std::string(9000, ' ') + "\0 "s,
+                                 "><p:r/>",
+                                 ">",
                                  deep};
     ASSERT_EQ(xmllib_init("fip"), 0);
     testing::internal::CaptureStderr();
@@ -168,6 +183,72 @@ TEST_F(XmlTest, RefusesHostileDocument_AndKeepsQuiet)
         EXPECT_EQ(xmllib_load_config(), 7) << rest.substr(0, 80);
     }
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+TEST_F(XmlTest, ReadsWhatIsLarge_RefusesWhatWouldBeCostly)
+{
+    const auto many = [](int count, const std::string &piece) { // a '#' in it becomes its number
+        std::string all;
+        for (int i = 0; i < count; ++i)
+            all += piece.substr(0, piece.find('#')) + std::to_string(i) + piece.substr(piece.find('#') + 1);
+        return all;
+    };
+    const auto text = [](std::size_t len) { return "<r>" + std::string(len, 'x') + "</r>"; };
+    const struct {
+        const char *what;
+        std::string document;
+        int code;
+    } cases[] = {
+        {"8 MiB", text(8388601), 0},
+        {"more", text(8388602), 7},
+        {"attributes", "<r><e " + many(64, " a#=''") + "/></r>", 0},
+        {"more", "<r><e " + many(65, " a#=''") + "/></r>", 7},
+        {"namespaces", "<r" + many(63, " xmlns:n#='u'") + "><e xmlns='u'/><e xmlns='u'/></r>", 0},
+        {"more", "<r" + many(63, " xmlns:n#='u'") + "><e xmlns='u'><e xmlns='v'/></e></r>", 7},
+        {"names", "<r>" + many(9000, "<e#/>") + many(9000, "<e name='#'/>") + "</r>", 0},
+        {"more", "<r>" + many(11000, "<e#/>") + "</r>", 7},
+        {"long comment", "<r><!--" + many(100000, "<e#/>") + "--></r>", 0},
+        {"comments", "<r>" + many(100000, "<!--#-->") + "</r>", 0},
+        {"start tag", "<r><e n='" + std::string(60000, 'x') + "'/></r>", 0},
+        {"longer", "<r><e n='" + std::string(80000, 'x') + "'/></r>", 7},
+        {"instructions", "<r>" + many(20000, "<?p#?>") + "</r>", 7},
+        {"declaration", "<!DOCTYPE r [<!ELEMENT r (a" + many(20000, ",a#") + ")>]><r/>", 7},
+        {"UTF-16", "\xff\xfe<\0r\0/\0>\0"s, 0},
+        {"a NUL of it", "\xff\xfe<\0r\0/\0>\0\0\0"s, 7},
+    };
+    ASSERT_EQ(xmllib_init("fip"), 0);
+    for (const auto &[what, document, code] : cases) {
+        write("etc/cluster.xml", document);
+        EXPECT_EQ(xmllib_load_config(), code) << what << ' ' << document.size();
+    }
+}
+
+TEST_F(XmlTest, LoadsAllOrNothing_WhenMemoryRunsOut)
+{
+    start("<r/>");
+    write("etc/policy/p.xml", "<r><v>1</v></r>");
+    ASSERT_EQ(xmlMemSetup(
+                  free, [](size_t size) { return scarce(nullptr, size); }, scarce,
+                  [](const char *text) { return allocations_left-- > 0 ? strdup(text) : nullptr; }),
+              0);
+    for (int given = 0, left = -1; left < 0; ++given) {
+        allocations_left = given;
+        const int code = xmllib_load_policy("p");
+        left = std::exchange(allocations_left, INT_MAX);
+        EXPECT_EQ(get({"/r/v"}), code == 0 ? "1|" : "#4|") << given;
+        EXPECT_TRUE(code == 0 ? xmllib_unload_policy("p") == 0 : code == 7 || code == 10)
+            << given << ": " << code;
+    }
+}
+
+TEST(SuiteHome, IsNamedByAnAbsolutePathOnly)
+{
+    char path[PATH_MAX];
+    for (const std::string home : {"/some/where", "", ".", "some/where"}) {
+        setenv("QOR_HOME", home.c_str(), 1); // NOLINT(concurrency-mt-unsafe)
+        EXPECT_EQ(qorhome_path("file", path, sizeof(path)), 0);
+        EXPECT_EQ(path, (home[0] == '/' ? home : QOR_HOME_DEFAULT) + "/file"s);
+    }
 }
 
 TEST_F(XmlTest, KeepsTrackOfWhatIsLoaded)
