@@ -29,7 +29,7 @@ arp_finding="E [004] Value of ARP Send Count $range=1000)"
     judge "${good/>c</>$(printf %0128d 0)<}" 'E [098] Length of Comment is out of range.'
     judge "${good/>c</>$(printf %0127d 0)<}" "$passed"
     judge "$(body '')" 'E [003] Parameter IP address is empty.'
-    judge "$(body $'10.0.0.300\nI [1] x')" 'E [006] IP address is invalid. (value=10.0.0.300?I [1] x)'
+    judge "$(body $'10.0.0.300\nI [1] x')" 'E [006] IP address is invalid. (value=10.0.0.300\nI [1] x)'
     while read -r address finding; do
         judge "$(body "$address")" "E $finding (value=$address)"
     done <<-EOT
@@ -87,11 +87,23 @@ arp_finding="E [004] Value of ARP Send Count $range=1000)"
     # A log that cannot be written: the whole block goes to the trace log.
     mknod home/full c 1 7
     ln -s check.log home/log/link
-    for target in full log log/link; do
+    mkfifo home/log/unread
+    for target in full log log/link log/unread; do
         sed -i "s|<rdrctpath>.*<|<rdrctpath>$target<|" home/etc/policy/cluster.xml
         fip 1 --test r1
         while read -r line; do traced 4 "$line"; done < <(block r1 "$passed")
     done
+}
+
+@test "a line of the check log that the disk has no room for fails the check, and glues to no other" {
+    judge "$good" "$passed"
+    truncate -s 1M "$report"
+    lines=$(block r1 "$passed" | head -2)
+    limit=$((1048576 + ${#lines} + 1 + 5))
+    (trap '' XFSZ && agent=(prlimit --fsize=$limit "${agent[@]}") && fip 1 --test r1)
+    traced 4 "*****END${fip}r1]"
+    fip 0 --test r1
+    [ "$(tail -c +1048577 "$report")" = "$lines"$'\n****\n'"$(block r1 "$passed")" ]
 }
 
 @test "the check leaves network and states alone; two at once append whole lines to one file" {

@@ -1,6 +1,7 @@
 #include "qorlog.h"
 
 #include "home_fixture.h"
+#include "textline.h"
 
 #include <csignal>
 #include <ctime>
@@ -88,16 +89,55 @@ TEST_F(QorLog, FollowsLevelRuleAndKeepsEveryTextOnOneVisibleLine)
     for (const int level : {1, 4, 5, 0x4000, 0x8000}) {
         EXPECT_EQ(log_write(handle, level, 0, "f", 1, "f", "%d", level), 0);
     }
-    for (const auto &text : Texts{"50% of %s", "a\nb\n", "\x1b[2J\x7f\r\t", "\xc2\x9b",
+    for (const auto &text : Texts{"50% of %s", "a\nb\n", "\x1b[2J\x7f\r\t", "ß\xc2\x9b",
                                   std::string(5000, 'x'), "y" + std::string(3000, '\n') + "\x1b"}) {
         ASSERT_EQ(say(text), 0);
     }
     Texts got = texts(log);
     const std::string cut = got.back();
     got.pop_back();
-    EXPECT_EQ(got, (Texts{"1", "4", "32768", "50% of %s", "a\\nb\\n", "\\x1b[2J\\x7f\\x0d\\x09", "\\xc2\\x9b",
-                          std::string(2047, 'x')}));
+    EXPECT_EQ(got, (Texts{"1", "4", "32768", "50% of %s", "a\\nb\\n", "\\x1b[2J\\x7f\\x0d\\x09",
+                          "ß\\xc2\\x9b", std::string(2047, 'x')}));
     EXPECT_TRUE(cut.starts_with("y\\n\\n") && cut.ends_with("\\n") && cut.size() % 2 == 1);
+}
+
+TEST(TextLine, ShowsLettersEscapesTheRestAndCutsBetween)
+{
+    // The bytes between '<' and '>' are escaped, all others stay: controls; what hides or turns the
+    // direction; over-long forms, a surrogate, what is beyond Unicode; characters cut off.
+    for (const std::string text :
+         {"%s \\n \\x1b "
+          "äЖ中😀\u00a0\u00ac\u00ae\u200a\u2010\u2027\u202f\u205f\u2070\ufefe\U000dffff\U0010ffff",
+          "<\x01\x1f> ~<\x7f\u0080\u009b\u009f\u00ad\u061c\u180e\u200b\u200e\u200f\u2028\u202a\u202e>",
+          "<\u2060\u2066\u206f\ufeff\ufff9\U000e0001\U000e0fff>a<\x80\xbf>b<\xc0\xaf\xc1\xbf>",
+          "<\xe0\x9f\xbf>\u0800<\xed\xa0\x80>\ud7ff\ue000<\xf0\x8f\xbf\xbf\xf4\x90\x80\x80\xf8\x88\x80\xff>",
+          "<\xc3>(<\xe4\xb8>(<\xf0\x9f\x98>"}) {
+        std::string plain, expected;
+        bool escaped = false;
+        for (const char c : text) {
+            if (c == '<' || c == '>') {
+                escaped = c == '<';
+                continue;
+            }
+            char hex[5] = {c};
+            if (escaped) {
+                snprintf(hex, sizeof(hex), "\\x%02x", static_cast<unsigned char>(c));
+            }
+            plain += c;
+            expected += hex;
+        }
+        char shown[512], again[512];
+        EXPECT_EQ(textline_copy(shown, sizeof(shown), plain.c_str()), expected.size());
+        EXPECT_EQ(shown, expected);
+        textline_copy(again, sizeof(again), shown);
+        EXPECT_EQ(again, expected);
+    }
+    const std::size_t cuts[] = {0, 1, 1, 3, 3, 3, 6, 6, 8, 8, 8, 8, 12};
+    for (std::size_t room = 0; room < std::size(cuts); ++room) {
+        char shown[32];
+        EXPECT_EQ(textline_copy(shown, room + 1, "aß中\n\x1b"), cuts[room]) << room;
+        EXPECT_EQ(shown, std::string("aß中\\n\\x1b").substr(0, cuts[room]));
+    }
 }
 
 TEST_F(QorLog, SendsEventsToSyslogToo_NeverWaitingForIt)
@@ -118,8 +158,7 @@ TEST_F(QorLog, SendsEventsToSyslogToo_NeverWaitingForIt)
     ASSERT_EQ(bind(sock, reinterpret_cast<struct sockaddr *>(&syslog_here), sizeof(syslog_here)), 0);
     ASSERT_EQ(open_log(0), 0);
     EXPECT_EQ(log_write(handle, 1, 10, "f", 1, "f", "dropped"), 0);
-    const std::string tag =
-        std::string("<28>") + program_invocation_short_name + "[" + std::to_string(getpid()) + "]: ";
+    const std::string tag = "<28>qorfip[" + std::to_string(getpid()) + "]: ";
     for (const auto &[eid, format, argument, text] : events) {
         EXPECT_EQ(log_write(handle, 0x8000, eid, "f", 1, "f", format, argument), 0);
         EXPECT_EQ(texts(log).back(), text);
