@@ -197,7 +197,9 @@ TEST_F(QorIpc, RefusesUnsafeAndForeignFiles_CompletesUnfinishedOnes)
         {R"(printf 'qor-rsc\0\1\0\0\0X' 1<>resource.shm)", SHMRM_ERR_LOADINFO}, // capacity
         {"truncate -s -1 resource.shm", SHMRM_ERR_LOADINFO},
         {"truncate -s +1 resource.shm", SHMRM_ERR_LOADINFO},
-        {"truncate -s 5 resource.shm", SHMRM_ERR_LOADINFO},
+        {"truncate -s 17 resource.shm", SHMRM_ERR_LOADINFO},
+        {"truncate -s 5 resource.shm", 0}, // the id in part
+        {"s=$(stat -c%s resource.shm); truncate -s 9 resource.shm; truncate -s $s resource.shm", 0},
         {"truncate -s 0 resource.shm", 0},
         {"truncate -s 0 resource.shm; truncate -s 5000 resource.shm", 0},
         {"truncate -r resource.shm x; mv x resource.shm", 0}, // all of the size, but not even the id
@@ -210,6 +212,27 @@ TEST_F(QorIpc, RefusesUnsafeAndForeignFiles_CompletesUnfinishedOnes)
         ASSERT_EQ(system(("cd $QOR_HOME/run && " + spoil).c_str()), 0); // NOLINT
         EXPECT_EQ(attach_anew(), result) << spoil;
         EXPECT_TRUE(result != 0 || (file("r", "x") == 0 && entry(0) == "g|fip|r||x")) << spoil;
+    }
+}
+
+TEST_F(QorIpc, MakesItsFilesRootsOnly_RefusingWhatOthersCouldWrite)
+{
+    const struct {
+        const char *file;
+        int (*attach)(), (*detach)();
+    } all[] = {{"run/resource.shm", shmrm_attach, shmrm_detach},
+               {"run/node.shm", shmnm_attach, shmnm_detach},
+               {"run/ifconfig.lock", sem_attach, sem_detach}};
+    for (const auto &[file, attach, detach] : all) {
+        for (const unsigned mode : {0644U, 0755U, 0400U, 0602U, 0620U}) {
+            detach();
+            write(file, "");
+            fs::permissions(home / file, fs::perms{mode});
+            const bool refused = (mode & 022) != 0;
+            EXPECT_EQ(attach(), refused ? SHMRM_ERR_SHMGET : 0) << file << mode;
+            EXPECT_EQ(fs::status(home / file).permissions(), fs::perms{refused ? mode : 0600})
+                << file << mode;
+        }
     }
 }
 
