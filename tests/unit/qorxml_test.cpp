@@ -187,39 +187,34 @@ TEST_F(XmlTest, RefusesHostileDocument_AndKeepsQuiet)
 
 TEST_F(XmlTest, ReadsWhatIsLarge_RefusesWhatWouldBeCostly)
 {
-    const auto many = [](int count, const std::string &piece) { // a '#' in it becomes its number
-        std::string all;
-        for (int i = 0; i < count; ++i)
-            all += piece.substr(0, piece.find('#')) + std::to_string(i) + piece.substr(piece.find('#') + 1);
-        return all;
-    };
-    const auto text = [](std::size_t len) { return "<r>" + std::string(len, 'x') + "</r>"; };
     const struct {
-        const char *what;
-        std::string document;
-        int code;
+        int read, refused; // how often the piece stands in the document, a '#' in it its number; 0: never
+        std::string head, piece, tail;
     } cases[] = {
-        {"8 MiB", text(8388601), 0},
-        {"more", text(8388602), 7},
-        {"attributes", "<r><e " + many(64, " a#=''") + "/></r>", 0},
-        {"more", "<r><e " + many(65, " a#=''") + "/></r>", 7},
-        {"namespaces", "<r" + many(63, " xmlns:n#='u'") + "><e xmlns='u'/><e xmlns='u'/></r>", 0},
-        {"more", "<r" + many(63, " xmlns:n#='u'") + "><e xmlns='u'><e xmlns='v'/></e></r>", 7},
-        {"names", "<r>" + many(9000, "<e#/>") + many(9000, "<e name='#'/>") + "</r>", 0},
-        {"more", "<r>" + many(11000, "<e#/>") + "</r>", 7},
-        {"long comment", "<r><!--" + many(100000, "<e#/>") + "--></r>", 0},
-        {"comments", "<r>" + many(100000, "<!--#-->") + "</r>", 0},
-        {"start tag", "<r><e n='" + std::string(60000, 'x') + "'/></r>", 0},
-        {"longer", "<r><e n='" + std::string(80000, 'x') + "'/></r>", 7},
-        {"instructions", "<r>" + many(20000, "<?p#?>") + "</r>", 7},
-        {"declaration", "<!DOCTYPE r [<!ELEMENT r (a" + many(20000, ",a#") + ")>]><r/>", 7},
-        {"UTF-16", "\xff\xfe<\0r\0/\0>\0"s, 0},
-        {"a NUL of it", "\xff\xfe<\0r\0/\0>\0\0\0"s, 7},
+        {8388601, 8388602, "<r>", "x", "</r>"},
+        {64, 65, "<r", " a#=''", "/>"},
+        {63, 64, "<r", " xmlns:n#='u'", "><e xmlns='u'/><e xmlns='u'/></r>"},
+        {9000, 11000, "<r>", "<e#/><e name='x'/>", "</r>"},
+        {60000, 80000, "<r a='", "x", "'/>"},
+        {100000, 0, "<r>", "<!--#-->", "</r>"},
+        {100000, 0, "<r><!--", "<e#/>", "--></r>"},
+        {1, 20000, "<r>", "<?p#?>", "</r>"},
+        {1, 20000, "<!DOCTYPE r [", "<!ELEMENT e# (a)>", "]><r/>"},
+        {1, 2, "\xff\xfe<\0r\0/\0>"s, "\0"s, "\0"s}, // UTF-16, and a NUL of it
     };
     ASSERT_EQ(xmllib_init("fip"), 0);
-    for (const auto &[what, document, code] : cases) {
-        write("etc/cluster.xml", document);
-        EXPECT_EQ(xmllib_load_config(), code) << what << ' ' << document.size();
+    for (const auto &[read, refused, head, piece, tail] : cases) {
+        const std::size_t number = std::min(piece.find('#'), piece.size());
+        std::string document = head;
+        for (int i = 0; i < std::max(read, refused); ++i) {
+            document.append(piece, 0, number);
+            if (number < piece.size())
+                document += std::to_string(i) + piece.substr(number + 1);
+            if (i + 1 == read || i + 1 == refused) {
+                write("etc/cluster.xml", document + tail);
+                EXPECT_EQ(xmllib_load_config(), i + 1 == read ? 0 : 7) << head << i + 1 << piece;
+            }
+        }
     }
 }
 
@@ -227,27 +222,26 @@ TEST_F(XmlTest, LoadsAllOrNothing_WhenMemoryRunsOut)
 {
     start("<r/>");
     write("etc/policy/p.xml", "<r><v>1</v></r>");
+    const auto copy = [](const char *text) { return allocations_left-- > 0 ? strdup(text) : nullptr; };
     ASSERT_EQ(xmlMemSetup(
-                  free, [](size_t size) { return scarce(nullptr, size); }, scarce,
-                  [](const char *text) { return allocations_left-- > 0 ? strdup(text) : nullptr; }),
+                  free, [](size_t size) { return scarce(nullptr, size); }, scarce, copy),
               0);
     for (int given = 0, left = -1; left < 0; ++given) {
         allocations_left = given;
         const int code = xmllib_load_policy("p");
         left = std::exchange(allocations_left, INT_MAX);
         EXPECT_EQ(get({"/r/v"}), code == 0 ? "1|" : "#4|") << given;
-        EXPECT_TRUE(code == 0 ? xmllib_unload_policy("p") == 0 : code == 7 || code == 10)
-            << given << ": " << code;
+        EXPECT_TRUE(code == 0 ? xmllib_unload_policy("p") == 0 : code == 7 || code == 10) << given;
     }
 }
 
-TEST(SuiteHome, IsNamedByAnAbsolutePathOnly)
+TEST_F(XmlTest, TakesAnAbsolutePathOnlyForTheHome)
 {
     char path[PATH_MAX];
-    for (const std::string home : {"/some/where", "", ".", "some/where"}) {
-        setenv("QOR_HOME", home.c_str(), 1); // NOLINT(concurrency-mt-unsafe)
+    for (const std::string set : {"/some/where", "", ".", "some/where"}) {
+        setenv("QOR_HOME", set.c_str(), 1); // NOLINT(concurrency-mt-unsafe)
         EXPECT_EQ(qorhome_path("file", path, sizeof(path)), 0);
-        EXPECT_EQ(path, (home[0] == '/' ? home : QOR_HOME_DEFAULT) + "/file"s);
+        EXPECT_EQ(path, (set[0] == '/' ? set : QOR_HOME_DEFAULT) + "/file"s);
     }
 }
 

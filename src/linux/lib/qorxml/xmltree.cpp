@@ -209,16 +209,16 @@ struct parser_deleter {
 int feed(void *context, char *buffer, int size)
 {
     auto *builder = static_cast<tree_builder *>(context);
+    const std::size_t len = builder->unread.copy(buffer, static_cast<std::size_t>(size));
+    builder->unread.remove_prefix(len);
     // Comments cost nothing, and may be long: a block of the configuration that is switched off, say.
     if (builder->parser->instate != XML_PARSER_COMMENT) {
-        builder->silence += static_cast<std::size_t>(size);
+        builder->silence += len;
     }
     if (builder->silence > max_silence || xmlDictSize(builder->parser->dict) > max_names) {
         builder->result = QOR_XMLERR_INVALID_XML;
         return -1;
     }
-    const std::size_t len = builder->unread.copy(buffer, static_cast<std::size_t>(size));
-    builder->unread.remove_prefix(len);
     return static_cast<int>(len);
 }
 
