@@ -7,6 +7,7 @@
 #include <ctime>
 #include <fcntl.h>
 #include <functional>
+#include <iomanip>
 #include <regex>
 #include <set>
 #include <sys/file.h>
@@ -103,33 +104,27 @@ TEST_F(QorLog, FollowsLevelRuleAndKeepsEveryTextOnOneVisibleLine)
 
 TEST(TextLine, ShowsLettersEscapesTheRestAndCutsBetween)
 {
-    std::string text =
+    const std::string letters =
         "%s \\n "
-        "\\x1b~äЖ中😀\u00a0\u00ac\u00ae\u0800\u200a\u2010\u2027\u202f\u205f\u2070\ud7ff\ue000\ufefe\U0010ffff";
-    std::string expected = text;
-    // Controls; what hides or turns the direction; over-long forms, a surrogate, what is beyond Unicode; cut.
-    for (const std::string hidden :
-         {"\x01\x1f", "\x7f\u0080\u009b\u009f\u00ad\u061c\u180e\u200b\u200e\u200f\u2028\u202a\u202e",
-          "\u2060\u2066\u206f", "\ufeff\ufff9\U000e0001\U000e0fff", "\x80\xbf", "\xc0\xaf\xc1\xbf",
-          "\xe0\x9f\xbf", "\xed\xa0\x80", "\xf0\x8f\xbf\xbf\xf4\x90\x80\x80\xf8\x88\x80\xff", "\xc3",
-          "\xe4\xb8", "\xf0\x9f\x98"}) {
-        for (const char c : hidden) {
-            char hex[5];
-            snprintf(hex, sizeof(hex), "\\x%02x", static_cast<unsigned char>(c));
-            expected += hex;
-        }
-        text += hidden + "a";
-        expected += 'a';
+        "\\x1b~äЖ中😀\u00a0\u00ac\u00ae\u0800\u200a\u2010\u2027\u202f\u205f\u2070\ud7ff\ue000\U0010ffff";
+    // Controls; what hides or turns the direction; over-long forms, a surrogate, what is beyond Unicode; cut
+    // letters.
+    const std::string hidden = "\x01\x1f\x7f\u0080\u009b\u009f\u00ad\u061c\u180e\u200b\u200e\u200f\u2028"
+                               "\u202a\u202e\u2060\u2066\u206f"
+                               "\ufeff\ufff9\U000e0001\U000e0fff\x80\xbf\xc0\xaf\xc1\xbf\xe0\x9f\xbf\xed\xa0"
+                               "\x80\xf0\x8f\xbf\xbf\xf4\x90\x80\x80\xf8\xff\xc3\xe4\xb8\xf0\x9f\x98";
+    std::ostringstream expected;
+    expected << letters << std::hex;
+    for (const char c : hidden) {
+        expected << "\\x" << std::setw(2) << std::setfill('0')
+                 << static_cast<int>(static_cast<unsigned char>(c));
     }
-    char shown[1024], again[1024];
-    EXPECT_EQ(textline_copy(shown, sizeof(shown), text.c_str()), expected.size());
-    textline_copy(again, sizeof(again), shown);
-    EXPECT_EQ(shown, expected);
-    EXPECT_EQ(again, expected);
-    const std::size_t cuts[] = {0, 1, 1, 3, 3, 3, 6, 6, 8, 8, 8, 8, 12};
-    for (std::size_t room = 0; room < std::size(cuts); ++room) {
-        EXPECT_EQ(textline_copy(shown, room + 1, "aß中\n\x1b"), cuts[room]);
-        EXPECT_EQ(shown, std::string("aß中\\n\\x1b").substr(0, cuts[room]));
+    char shown[1024];
+    EXPECT_EQ(textline_copy(shown, sizeof(shown), (letters + hidden).c_str()), expected.str().size());
+    EXPECT_EQ(shown, expected.str());
+    for (std::size_t size = 1; size <= 13; ++size) {
+        const std::size_t whole[] = {0, 1, 1, 3, 3, 3, 6, 6, 8, 8, 8, 8, 12};
+        EXPECT_EQ(textline_copy(shown, size, "aß中\n\x1b"), whole[size - 1]) << size;
     }
 }
 
