@@ -25,8 +25,8 @@ int log_init(const char *type, void **handle, int level, int size, const char *p
  *  "2026-11-22 19:22:31.123456 PID/TID LEVEL FILE:LINE FUNCTION | TEXT", local time, LEVEL as a number.
  *
  *  TEXT is written by textline_copy: it often comes from outside, and must neither forge a line nor command
- *  the reader's terminal. It is cut at 2047 bytes, or earlier when so written it does not fit a line of 4096. After a line that seems torn an empty one may
- *  follow.
+ *  the reader's terminal. It is cut at 2047 bytes, or earlier when so written it does not fit a line of 4096.
+ *  After a line that seems torn an empty one may follow.
  *
  *  Waits for no other process, is no cancellation point and leaves errno alone. Not for a child forked by a
  *  process with several threads, before its exec.
