@@ -1,5 +1,5 @@
 # The check mode and the dynamic update modes: what a draft configuration is told, and what is left alone.
-# shellcheck source-path=SCRIPTDIR source=fip_helper.bash
+# shellcheck source-path=SCRIPTDIR source=fip_helper.bash disable=SC2030,SC2031 # each test is a subshell
 source "$BATS_TEST_DIRNAME/fip_helper.bash"
 
 draft=home/etc/check/cluster.xml report=home/log/check.log
@@ -29,7 +29,7 @@ arp_finding="E [004] Value of ARP Send Count $range=1000)"
     judge "${good/>c</>$(printf %0128d 0)<}" 'E [098] Length of Comment is out of range.'
     judge "${good/>c</>$(printf %0127d 0)<}" "$passed"
     judge "$(body '')" 'E [003] Parameter IP address is empty.'
-    judge "$(body $'10.0.0.300\nI [1] x')" 'E [006] IP address is invalid. (value=10.0.0.300?I [1] x)'
+    judge "$(body $'10.0.0.300\nI [1] x')" 'E [006] IP address is invalid. (value=10.0.0.300\nI [1] x)'
     while read -r address finding; do
         judge "$(body "$address")" "E $finding (value=$address)"
     done <<-EOT
@@ -87,11 +87,24 @@ arp_finding="E [004] Value of ARP Send Count $range=1000)"
     # A log that cannot be written: the whole block goes to the trace log.
     mknod home/full c 1 7
     ln -s check.log home/log/link
-    for target in full log log/link; do
+    mkfifo home/log/unread
+    for target in full log log/link log/unread; do
         sed -i "s|<rdrctpath>.*<|<rdrctpath>$target<|" home/etc/policy/cluster.xml
         fip 1 --test r1
         while read -r line; do traced 4 "$line"; done < <(block r1 "$passed")
     done
+}
+
+@test "a line of the check log that the disk has no room for fails the check, and glues to no other" {
+    judge "$good" "$passed"
+    truncate -s 1M "$report"
+    before=$(block r1 "$passed" | head -2)
+    agent=(prlimit "--fsize=$((1048576 + ${#before} + 1 + 5))" "${agent[@]}")
+    fip 1 --test r1
+    traced 4 "*****END${fip}r1]"
+    search "$PATH"
+    fip 0 --test r1
+    [ "$(tail -c +1048577 "$report")" = "$before"$'\n****\n'"$(block r1 "$passed")" ]
 }
 
 @test "the check leaves network and states alone; two at once append whole lines to one file" {
@@ -118,8 +131,8 @@ arp_finding="E [004] Value of ARP Send Count $range=1000)"
     fip 7 --dactive -r fip1 -g g1
 }
 
-@test "one resource of ten thousand, in a file of 50 MB" {
-    awk -v good="$good" 'BEGIN { pad = sprintf("%4800s", ""); print "<root><resource>"
+@test "one resource of ten thousand, in a file of 8 MB" {
+    awk -v good="$good" 'BEGIN { pad = sprintf("%540s", ""); print "<root><resource>"
         for (i = 0; i < 10000; ++i) printf "<fip name=\"f%d\">%s<x>%s</x></fip>", i, good, pad
         print "<fip name=\"r1\">" good "</fip></resource></root>" }' >"$draft"
     judge '' "$passed"

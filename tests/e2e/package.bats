@@ -74,11 +74,24 @@ completes() {
     carries ''
     installed "$root/DEBIAN/postrm" remove
     [ -s "$root/var/opt/qor/log/fip.log" ] && [ -s "$root/var/opt/qor/log/check.log" ]
-    installed "$root/DEBIAN/postrm" purge
-    [ ! -e "$root/var/opt/qor" ]
+    touch "$root/var/opt/qor/"{log/{fip.log.1,disk.log},run/disk} # the last two are another module's
+    while read -r ours left; do
+        [ "$ours" = - ] || rm "$root/var/opt/qor/$ours"
+        installed "$root/DEBIAN/postrm" purge
+        run -0 find "$root/var/opt" -mindepth 1 -printf '%f '
+        [ "$(xargs -n 1 <<<"$output" | sort | xargs)" = "$left" ] || fail "is not what is left: $left"
+    done <<-EOT
+	- disk disk.log ifconfig.lock log node.shm qor resource.shm run
+	log/disk.log disk qor run
+	run/disk
+	EOT
     [ -f "$root/etc/opt/qor/cluster.xml" ]
     installed "$root/DEBIAN/preinst" install
     for name in etc log run; do
+        place=$(readlink "$root/opt/qor/$name")
+        ln -sfn /srv/own "$root/opt/qor/$name"
+        run -1 installed "$root/DEBIAN/preinst" install
+        [ "$output" = "qorfip: /opt/qor/$name is a link to /srv/own: remove it, and make $place one instead" ] || fail
         rm "$root/opt/qor/$name"
         mkdir "$root/opt/qor/$name"
         run -1 installed "$root/DEBIAN/preinst" install

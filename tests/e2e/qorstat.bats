@@ -16,20 +16,20 @@ resources() {
         dd of="$QOR_HOME/run/resource.shm" bs=16 seek=1 conv=notrunc status=none
 }
 
-@test "shows resources aligned or plain, and a question mark for what could command the terminal" {
+@test "shows resources aligned or plain, and escapes what could command the terminal" {
     run -0 "$QORSTAT" --plain
     [ -z "$output" ]
     resources fip web1 failover1 eth0:1 'Success.' \
-        fip a_longer_name '' '' 'No answer.' fip $'a\tb' g $'d\n' $'\x1b[2J\x9bx\x7f'
+        fip änderung_5678 '' '' 'No answer.' fip $'a\tb' g $'d\n' $'\x1b[2J\x9bx\x7f'
     run -0 "$QORSTAT"
     [ "$output" = 'GROUP      TYPE  RESOURCE       DEVICE  LAST MESSAGE
 failover1  fip   web1           eth0:1  Success.
-           fip   a_longer_name          No answer.
-g          fip   a?b            d?      ?[2J?x?
+           fip   änderung_5678          No answer.
+g          fip   a\x09b         d\n     \x1b[2J\x9bx\x7f
 
 npsimu: off' ]
     run -0 "$QORSTAT" --plain
-    [ "$output" = $'failover1\tfip\tweb1\teth0:1\tSuccess.\n\tfip\ta_longer_name\t\tNo answer.\ng\tfip\ta?b\td?\t?[2J?x?' ]
+    [ "$output" = $'failover1\tfip\tweb1\teth0:1\tSuccess.\n\tfip\tänderung_5678\t\tNo answer.\ng\tfip\ta\\x09b\td\\n\t\\x1b[2J\\x9bx\\x7f' ]
 }
 
 @test "prints JSON, whatever bytes the states hold" {

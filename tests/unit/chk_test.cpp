@@ -35,12 +35,14 @@ TEST_F(ChkTest, JudgesCommonValueAndServersOwn)
 
 TEST_F(ChkTest, WritesLog_CutWhereLineIsTooLong)
 {
-    const std::string file = home / "check.log";
+    const std::string file = home / "check.log", long_name(2000, 'n'), frame = " [type : fip][rscname : ";
     ASSERT_EQ(chk_log_init("fip", "r1", file.c_str()), 0);
     fs::resize_file(file, 0);
     EXPECT_EQ(chk_log_write(2, 7, "%s", "two") + chk_log_write(CHK_LEVEL_INFO, 123, "%s", "four"), 0);
-    EXPECT_EQ(chk_log_write(8, 7, "%2000s", ""), 0);
-    EXPECT_EQ(chk_log_term("fip", "r1"), 0);
-    EXPECT_EQ(read_file(file), "E [007] two\nI [123] four\nE [007] " + std::string(1023, ' ') +
-                                   "*****END [type : fip][rscname : r1]\n");
+    EXPECT_EQ(chk_log_write(8, 7, "ß\n%s", "\x1b[2J"), 0);
+    EXPECT_EQ(chk_log_write(8, 7, "%2000s", ""), 0); // fills its line, and has no newline for that
+    EXPECT_EQ(chk_log_term("fip", long_name.c_str()), 0);
+    EXPECT_EQ(read_file(file), "E [007] two\nI [123] four\nE [007] ß\\n\\x1b[2J\nE [007] " +
+                                   std::string(1023, ' ') + "*****END" + frame +
+                                   long_name.substr(0, 1021 - 8 - frame.size()) + "]\n");
 }

@@ -188,7 +188,10 @@ TEST_F(QorIpc, ShowsOldOrNewText_WhenWritersAreKilledAtAnyInstant)
 TEST_F(QorIpc, RefusesUnsafeAndForeignFiles_CompletesUnfinishedOnes)
 {
     const std::pair<std::string, int> cases[] = {
+        {"chmod 644 resource.shm", 0}, // who may read it may lock it
+        {"chmod 400 resource.shm", 0},
         {"chmod 602 resource.shm", SHMRM_ERR_SHMGET},
+        {"chmod 620 resource.shm", SHMRM_ERR_SHMGET},
         {"chown 65534 resource.shm", SHMRM_ERR_SHMGET},
         {"mv resource.shm x; ln -s x resource.shm", SHMRM_ERR_SHMGET},
         {"rm resource.shm; mkfifo -m 600 resource.shm", SHMRM_ERR_SHMGET},
@@ -197,7 +200,9 @@ TEST_F(QorIpc, RefusesUnsafeAndForeignFiles_CompletesUnfinishedOnes)
         {R"(printf 'qor-rsc\0\1\0\0\0X' 1<>resource.shm)", SHMRM_ERR_LOADINFO}, // capacity
         {"truncate -s -1 resource.shm", SHMRM_ERR_LOADINFO},
         {"truncate -s +1 resource.shm", SHMRM_ERR_LOADINFO},
-        {"truncate -s 5 resource.shm", SHMRM_ERR_LOADINFO},
+        {"truncate -s 17 resource.shm", SHMRM_ERR_LOADINFO},
+        {"truncate -s 5 resource.shm", 0}, // the id in part
+        {"s=$(stat -c%s resource.shm); truncate -s 9 resource.shm; truncate -s $s resource.shm", 0},
         {"truncate -s 0 resource.shm", 0},
         {"truncate -s 0 resource.shm; truncate -s 5000 resource.shm", 0},
         {"truncate -r resource.shm x; mv x resource.shm", 0}, // all of the size, but not even the id
@@ -210,6 +215,7 @@ TEST_F(QorIpc, RefusesUnsafeAndForeignFiles_CompletesUnfinishedOnes)
         ASSERT_EQ(system(("cd $QOR_HOME/run && " + spoil).c_str()), 0); // NOLINT
         EXPECT_EQ(attach_anew(), result) << spoil;
         EXPECT_TRUE(result != 0 || (file("r", "x") == 0 && entry(0) == "g|fip|r||x")) << spoil;
+        EXPECT_TRUE(result != 0 || fs::status(table).permissions() == fs::perms{0600}) << spoil;
     }
 }
 

@@ -1,11 +1,13 @@
 #include "qorlog.h"
 
 #include "home_fixture.h"
+#include "textline.h"
 
 #include <csignal>
 #include <ctime>
 #include <fcntl.h>
 #include <functional>
+#include <iomanip>
 #include <regex>
 #include <set>
 #include <sys/file.h>
@@ -88,16 +90,42 @@ TEST_F(QorLog, FollowsLevelRuleAndKeepsEveryTextOnOneVisibleLine)
     for (const int level : {1, 4, 5, 0x4000, 0x8000}) {
         EXPECT_EQ(log_write(handle, level, 0, "f", 1, "f", "%d", level), 0);
     }
-    for (const auto &text : Texts{"50% of %s", "a\nb\n", "\x1b[2J\x7f\r\t", "\xc2\x9b",
+    for (const auto &text : Texts{"50% of %s", "a\nb\n", "\x1b[2J\x7f\r\t", "ß\xc2\x9b",
                                   std::string(5000, 'x'), "y" + std::string(3000, '\n') + "\x1b"}) {
         ASSERT_EQ(say(text), 0);
     }
     Texts got = texts(log);
     const std::string cut = got.back();
     got.pop_back();
-    EXPECT_EQ(got, (Texts{"1", "4", "32768", "50% of %s", "a\\nb\\n", "\\x1b[2J\\x7f\\x0d\\x09", "\\xc2\\x9b",
-                          std::string(2047, 'x')}));
+    EXPECT_EQ(got, (Texts{"1", "4", "32768", "50% of %s", "a\\nb\\n", "\\x1b[2J\\x7f\\x0d\\x09",
+                          "ß\\xc2\\x9b", std::string(2047, 'x')}));
     EXPECT_TRUE(cut.starts_with("y\\n\\n") && cut.ends_with("\\n") && cut.size() % 2 == 1);
+}
+
+TEST(TextLine, ShowsLettersEscapesTheRestAndCutsBetween)
+{
+    const std::string letters =
+        "%s \\n "
+        "\\x1b~äЖ中😀\u00a0\u00ac\u00ae\u0800\u200a\u2010\u2027\u202f\u205f\u2070\ud7ff\ue000\U0010ffff";
+    // Controls; what hides or turns the direction; over-long forms, a surrogate, what is beyond Unicode; cut
+    // letters.
+    const std::string hidden = "\x01\x1f\x7f\u0080\u009b\u009f\u00ad\u061c\u180e\u200b\u200e\u200f\u2028"
+                               "\u202a\u202e\u2060\u2066\u206f"
+                               "\ufeff\ufff9\U000e0001\U000e0fff\x80\xbf\xc0\xaf\xc1\xbf\xe0\x9f\xbf\xed\xa0"
+                               "\x80\xf0\x8f\xbf\xbf\xf4\x90\x80\x80\xf8\xff\xc3\xe4\xb8\xf0\x9f\x98";
+    std::ostringstream expected;
+    expected << letters << std::hex;
+    for (const char c : hidden) {
+        expected << "\\x" << std::setw(2) << std::setfill('0')
+                 << static_cast<int>(static_cast<unsigned char>(c));
+    }
+    char shown[1024];
+    EXPECT_EQ(textline_copy(shown, sizeof(shown), (letters + hidden).c_str()), expected.str().size());
+    EXPECT_EQ(shown, expected.str());
+    for (std::size_t size = 1; size <= 13; ++size) {
+        const std::size_t whole[] = {0, 1, 1, 3, 3, 3, 6, 6, 8, 8, 8, 8, 12};
+        EXPECT_EQ(textline_copy(shown, size, "aß中\n\x1b"), whole[size - 1]) << size;
+    }
 }
 
 TEST_F(QorLog, SendsEventsToSyslogToo_NeverWaitingForIt)
@@ -118,8 +146,7 @@ TEST_F(QorLog, SendsEventsToSyslogToo_NeverWaitingForIt)
     ASSERT_EQ(bind(sock, reinterpret_cast<struct sockaddr *>(&syslog_here), sizeof(syslog_here)), 0);
     ASSERT_EQ(open_log(0), 0);
     EXPECT_EQ(log_write(handle, 1, 10, "f", 1, "f", "dropped"), 0);
-    const std::string tag =
-        std::string("<28>") + program_invocation_short_name + "[" + std::to_string(getpid()) + "]: ";
+    const std::string tag = "<28>qorfip[" + std::to_string(getpid()) + "]: ";
     for (const auto &[eid, format, argument, text] : events) {
         EXPECT_EQ(log_write(handle, 0x8000, eid, "f", 1, "f", format, argument), 0);
         EXPECT_EQ(texts(log).back(), text);

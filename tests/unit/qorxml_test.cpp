@@ -1,12 +1,22 @@
 #include "qorxml.h"
 
 #include "home_fixture.h"
+#include "qorhome.h"
 
+#include <climits>
+#include <cstring>
+#include <libxml/xmlmemory.h>
 #include <unistd.h>
 
 namespace
 {
 using std::string_literals::operator""s;
+
+int allocations_left = INT_MAX; // of the parser's
+void *scarce(void *old, size_t size)
+{
+    return allocations_left-- > 0 ? realloc(old, size) : nullptr;
+}
 
 enum { text = QOR_XMLTYPE_TEXT, number = QOR_XMLTYPE_INT, unknown, names };
 
@@ -144,6 +154,10 @@ TEST_F(XmlTest, RefusesFile_ThatIsNotRootsAlone)
         EXPECT_EQ(handle, nullptr) << spoil;
     }
     EXPECT_EQ(dup(0), next_fd) << "files left open";
+    char path[PATH_MAX];
+    setenv("QOR_HOME", ".", 1); // NOLINT(concurrency-mt-unsafe)
+    EXPECT_EQ(qorhome_path("file", path, sizeof(path)), 0);
+    EXPECT_STREQ(path, QOR_HOME_DEFAULT "/file") << "a relative home";
 }
 
 TEST_F(XmlTest, RefusesHostileDocument_AndKeepsQuiet)
@@ -160,6 +174,11 @@ TEST_F(XmlTest, RefusesHostileDocument_AndKeepsQuiet)
                                  "[<!ENTITY l 'ha'><!ENTITY m '&l;&l;'>]><r/>",
                                  "><r>\xff\xfe</r>",
                                  "><r>\0</r>"s,
+                                 "><r/>\0"s,
+                                 "><r/>\0<x/>"s,
+                                 "><r/>" + std::string(9000, ' ') + "\0 "s,
+                                 "><p:r/>",
+                                 ">",
                                  deep};
     ASSERT_EQ(xmllib_init("fip"), 0);
     testing::internal::CaptureStderr();
@@ -168,6 +187,56 @@ TEST_F(XmlTest, RefusesHostileDocument_AndKeepsQuiet)
         EXPECT_EQ(xmllib_load_config(), 7) << rest.substr(0, 80);
     }
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+TEST_F(XmlTest, ReadsWhatIsLarge_RefusesWhatWouldBeCostly)
+{
+    const struct {
+        int read, refused; // how many times "BEFORE NUMBER AFTER" stand in the document; 0: no limit
+        const char *head, *before, *after, *tail;
+    } cases[] = {
+        {64, 65, "<r", " a", "=''", "/>"},
+        {63, 64, "<r", " xmlns:n", "='u'", "><e xmlns='u'/><e xmlns='u'/></r>"},
+        {9000, 11000, "<r>", "<e", "/><e name='x'/>", "</r>"},
+        {15000, 17000, "<r a='", "", "", "'/>"}, // 63.9 and 73.9 kB
+        {100000, 0, "<r>", "<!--", "-->", "</r>"},
+        {100000, 0, "<r><!--", "<e", "/>", "--></r>"},
+        {1, 20000, "<r>", "<?p", "?>", "</r>"},
+        {1, 20000, "<!DOCTYPE r [", "<!ELEMENT e", " (a)>", "]><r/>"},
+    };
+    ASSERT_EQ(xmllib_init("fip"), 0);
+    for (const auto &[read, refused, head, before, after, tail] : cases) {
+        std::string document = head;
+        for (int i = 1; i <= std::max(read, refused); ++i) {
+            document.append(before).append(std::to_string(i)).append(after);
+            if (i == read || i == refused) {
+                write("etc/cluster.xml", document + tail);
+                EXPECT_EQ(xmllib_load_config(), i == read ? 0 : 7) << head << before << i;
+            }
+        }
+    }
+    std::string most(8 * 1024 * 1024, ' ');
+    most.replace(0, 4, "<r>x").replace(most.size() - 5, 5, "y</r>");
+    for (const int code : {0, 7}) {
+        write("etc/cluster.xml", most);
+        EXPECT_EQ(xmllib_load_config(), code);
+        most += '\n';
+    }
+}
+
+TEST_F(XmlTest, LoadsAllOrNothing_WhenMemoryRunsOut)
+{
+    start("<r/>");
+    write("etc/policy/p.xml", "<r><v>1</v></r>");
+    const auto fresh = [](size_t size) { return scarce(nullptr, size); };
+    ASSERT_EQ(xmlMemSetup(free, fresh, scarce, strdup), 0);
+    for (int given = 0, left = -1; left < 0; ++given) {
+        allocations_left = given;
+        const int code = xmllib_load_policy("p");
+        left = std::exchange(allocations_left, INT_MAX);
+        EXPECT_EQ(get({"/r/v"}), code == 0 ? "1|" : "#4|") << given;
+        EXPECT_EQ(xmllib_unload_policy("p"), code == 0 ? 0 : 4) << given;
+    }
 }
 
 TEST_F(XmlTest, KeepsTrackOfWhatIsLoaded)

@@ -3,6 +3,7 @@
 #include "descriptor.h"
 #include "qorhome.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <climits>
@@ -88,7 +89,8 @@ attachment<resource_table> resources;
 attachment<node_table> node;
 descriptor ifconfig_lock;
 
-/// Opens a file of run/, creating it when missing. O_NONBLOCK keeps a FIFO in its place from hanging us.
+/// Opens a file of run/, creating it when missing. O_NONBLOCK keeps a FIFO in its place from hanging us. Who
+/// may read the file may lock it, and hold us up as long as he likes: so only root may.
 int open_shared(const char *relative, descriptor *file)
 {
     constexpr int flags = O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
@@ -106,6 +108,9 @@ int open_shared(const char *relative, descriptor *file)
     struct stat st = {};
     if (opened.fd < 0 || fstat(opened.fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != 0 ||
         (st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        return SHMRM_ERR_SHMGET;
+    }
+    if ((st.st_mode & 07777) != 0600 && fchmod(opened.fd, 0600) != 0) {
         return SHMRM_ERR_SHMGET;
     }
     *file = std::move(opened);
@@ -164,8 +169,18 @@ struct table_lock {
 
 enum class condition { ready, unfinished, foreign, unreadable };
 
-/// Tells what the file holds. A creator killed half-way leaves nothing but zero bytes where the id belongs,
-/// for the id comes last; a short file with an id lost its end later on.
+/// Tells whether the id was not written, or in part: the rest of it is zero.
+bool is_begun(const table_id &found, const table_id &id)
+{
+    const auto *bytes = reinterpret_cast<const unsigned char *>(&found);
+    const auto *wanted = reinterpret_cast<const unsigned char *>(&id);
+    const auto *differs = std::mismatch(bytes, bytes + sizeof(found), wanted).first;
+    return differs != bytes + sizeof(found) &&
+           std::all_of(differs, bytes + sizeof(found), [](unsigned char byte) { return byte == 0; });
+}
+
+/// Tells what the file holds. A creator killed half-way leaves zero bytes where the id belongs, or behind its
+/// first bytes, for the id comes last; a short file with an id lost its end later on.
 condition inspect(int fd, const table_id &id, std::size_t size)
 {
     table_id found = {};
@@ -173,8 +188,7 @@ condition inspect(int fd, const table_id &id, std::size_t size)
     if (fstat(fd, &st) != 0 || pread(fd, &found, sizeof(found), 0) < 0) {
         return condition::unreadable;
     }
-    constexpr table_id none = {};
-    if (memcmp(&found, &none, sizeof(found)) == 0 && st.st_size <= static_cast<off_t>(size)) {
+    if (is_begun(found, id) && st.st_size <= static_cast<off_t>(size)) {
         return condition::unfinished;
     }
     if (memcmp(&found, &id, sizeof(found)) != 0 || st.st_size != static_cast<off_t>(size)) {

@@ -2,6 +2,7 @@
 
 #include "descriptor.h"
 #include "qorhome.h"
+#include "textline.h"
 
 #include <cctype>
 #include <cerrno>
@@ -39,6 +40,7 @@ constexpr long write_time_ns = 1000000;
 struct log_file {
     char path[PATH_MAX] = "";
     char predecessor[PATH_MAX] = "";
+    char tag[type_max + sizeof("qor")] = ""; // of its events in the system's log
     int level = 0;
     off_t limit = 0;
     /// Guards what follows, among the threads of this process only: no other process ever waits for it.
@@ -169,18 +171,6 @@ void next_file(log_file &log)
     }
 }
 
-/// Ends the piece of a line that a full disk let through, by making its last byte a newline: the other
-/// processes, which append behind it, cannot know that it is one. The file is opened once more because Linux
-/// appends on a descriptor that was opened for it, wherever pwrite(2) is told to write.
-bool end_piece(int fd)
-{
-    char path[32];
-    snprintf(path, sizeof(path), "/proc/self/fd/%d", fd);
-    const off_t end = lseek(fd, 0, SEEK_CUR);
-    const descriptor again(open(path, O_WRONLY | O_CLOEXEC | O_NONBLOCK));
-    return end > 0 && again.fd >= 0 && pwrite(again.fd, "\n", 1, end - 1) == 1;
-}
-
 /// Writes a line with one write(2). line[0] is a newline that goes along only behind a piece.
 int append(log_file &log, const char *line, std::size_t len)
 {
@@ -194,7 +184,7 @@ int append(log_file &log, const char *line, std::size_t len)
         const bool complete = written >= 0 && static_cast<std::size_t>(written) == len - skip;
         const int incomplete = written < 0 ? errno : ENOSPC;
         if (written > 0) {
-            log.torn = !complete && !end_piece(log.file.fd);
+            log.torn = !complete && !textline_end_piece(log.file.fd);
         }
         struct stat st = {};
         const bool known = fstat(log.file.fd, &st) == 0;
@@ -208,37 +198,6 @@ int append(log_file &log, const char *line, std::size_t len)
         next_file(log);
     }
     return ENOENT;
-}
-
-/// Copies text, with what a terminal could take for a command made visible. What does not fit is cut, never
-/// in the middle of an escape. @return bytes written, terminator not counted
-std::size_t copy_visible(char *to, std::size_t size, const char *from)
-{
-    constexpr char hex[] = "0123456789abcdef";
-    std::size_t len = 0;
-    for (; *from != '\0'; ++from) {
-        const auto c = static_cast<unsigned char>(*from);
-        char piece[4] = {*from, '\0', '\0', '\0'};
-        std::size_t n = 1;
-        if (c == '\n') {
-            piece[0] = '\\';
-            piece[1] = 'n';
-            n = 2;
-        } else if (c < 0x20 || c >= 0x7f) {
-            piece[0] = '\\';
-            piece[1] = 'x';
-            piece[2] = hex[c >> 4];
-            piece[3] = hex[c & 0xf];
-            n = 4;
-        }
-        if (len + n >= size) {
-            break;
-        }
-        memcpy(to + len, piece, n);
-        len += n;
-    }
-    to[len] = '\0';
-    return len;
 }
 
 /// Forms the text of an event without a format of its own; its one argument is the address.
@@ -272,20 +231,18 @@ void format_header(char *header, std::size_t size, int level, const char *file, 
 
 /// Hands an event to the system's log. syslog(3) would wait for a daemon that is stuck; this drops the event,
 /// which our own log has.
-void send_syslog(const char *text)
+void send_syslog(const char *tag, const char *text)
 {
     const descriptor sock(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (sock.fd < 0) {
         return;
     }
-    char datagram[line_size];
-    const int len = snprintf(datagram, sizeof(datagram), "<%d>%.64s[%d]: %.2048s", LOG_DAEMON | LOG_WARNING,
-                             program_invocation_short_name, getpid(), text);
-    if (len < 0) {
-        return;
-    }
+    char datagram[text_size + 64];
+    snprintf(datagram, sizeof(datagram), "<%d>%s[%d]: ", LOG_DAEMON | LOG_WARNING, tag, getpid());
+    std::size_t len = strlen(datagram);
+    len += textline_copy(datagram + len, sizeof(datagram) - len, text);
     const struct sockaddr_un daemon = {AF_UNIX, _PATH_LOG};
-    sendto(sock.fd, datagram, static_cast<std::size_t>(len), MSG_NOSIGNAL | MSG_DONTWAIT,
+    sendto(sock.fd, datagram, len, MSG_NOSIGNAL | MSG_DONTWAIT,
            reinterpret_cast<const struct sockaddr *>(&daemon), sizeof(daemon));
 }
 
@@ -334,6 +291,7 @@ int log_init(const char *type, void **handle, int level, int size, const char *p
     if (ret != 0) {
         return ret;
     }
+    snprintf(log->tag, sizeof(log->tag), "qor%s", type); // not the program's name, which its caller chooses
     log->level = level;
     log->limit = size;
     log->torn = ends_torn(log->file.fd);
@@ -366,11 +324,11 @@ int log_write(void *handle, int level, int eid, const char *file, int line, cons
     format_header(header, sizeof(header), level, file, line, func);
     char whole_line[line_size];
     whole_line[0] = '\n';
-    std::size_t len = 1 + copy_visible(whole_line + 1, line_size - 1, header);
+    std::size_t len = 1 + textline_copy(whole_line + 1, line_size - 1, header);
     const char *visible_text = whole_line + len;
-    len += copy_visible(whole_line + len, line_size - len, text);
+    len += textline_copy(whole_line + len, line_size - len, text);
     if (level == QOR_LOG_EVENT) {
-        send_syslog(visible_text);
+        send_syslog(log->tag, visible_text);
     }
     whole_line[len] = '\n';
     const int ret = append(*log, whole_line, len + 1);

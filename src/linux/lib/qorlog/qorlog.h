@@ -24,10 +24,9 @@ int log_init(const char *type, void **handle, int level, int size, const char *p
 /** Writes one line, with one write(2), safe for many threads and many processes:
  *  "2026-11-22 19:22:31.123456 PID/TID LEVEL FILE:LINE FUNCTION | TEXT", local time, LEVEL as a number.
  *
- *  A newline in TEXT becomes "\n", every other byte that is not printable ASCII "\xNN": TEXT often comes
- *  from outside, and must neither forge a line nor command the reader's terminal. TEXT is cut at 2047 bytes,
- *  or earlier when so written it does not fit a line of 4096. After a line that seems torn an empty one may
- *  follow.
+ *  TEXT is written by textline_copy: it often comes from outside, and must neither forge a line nor command
+ *  the reader's terminal. It is cut at 2047 bytes, or earlier when so written it does not fit a line of 4096.
+ *  After a line that seems torn an empty one may follow.
  *
  *  Waits for no other process, is no cancellation point and leaves errno alone. Not for a child forked by a
  *  process with several threads, before its exec.

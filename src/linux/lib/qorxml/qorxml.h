@@ -49,8 +49,8 @@ int xmllib_term(void);
 
 /** Loads the running cluster configuration, etc/cluster.xml below the suite home, and makes it current. A
  *  second load reads the file anew; when it fails, what was loaded and current before stays.
- *  NOT_INIT; INVALID_XML; OTHER. The file must be a regular file (no symbolic link) of at most 128 MiB,
- *  owned by root and writable by nobody else, and must not declare entities or attributes. */
+ *  NOT_INIT; INVALID_XML; OTHER. The file must be a regular file (no symbolic link) of at most 8 MiB,
+ *  owned by root and writable by nobody else, and keep to the limits of xmltree_parse. */
 int xmllib_load_config(void);
 
 /** Unloads it; a file chosen with xmllib_change_config stays current. NOT_INIT, NOT_LOAD. */

@@ -16,6 +16,14 @@ constexpr int linear_children = 64;
 
 constexpr std::string_view white_space = " \t\r\n";
 
+// What the parser takes quadratic time for: the different names of a document, the namespaces in scope, and
+// the attributes of an element, which it hands over together; so a start tag is cut off where it has no end.
+// Each is far beyond what a configuration needs, and what it allows costs milliseconds.
+constexpr int max_names = 10000;
+constexpr int max_namespaces = 64;
+constexpr int max_attributes = 64;
+constexpr std::size_t max_silence = 64UL * 1024; // bytes of markup before the parser reports something
+
 // An element whose end was not seen yet.
 struct open_element {
     std::uint32_t element;
@@ -26,9 +34,11 @@ struct open_element {
 struct tree_builder {
     xml_tree *tree;
     xmlParserCtxtPtr parser;
+    std::string_view unread;        // what the parser has not asked for yet
     std::vector<open_element> open; // open[0] is the document; records stay for reuse when an element ends
-    std::size_t depth;              // of the innermost open element
-    int result;
+    std::size_t depth = 0;          // of the innermost open element
+    std::size_t silence = 0;        // bytes read since the parser's last report
+    int result = QOR_XMLERR_SUCCESS;
 };
 
 void refuse(tree_builder *builder, int result)
@@ -45,6 +55,7 @@ void build(void *context, Step step)
     if (builder->result != QOR_XMLERR_SUCCESS) {
         return;
     }
+    builder->silence = 0;
     try {
         step(builder);
     } catch (const std::exception &) {
@@ -82,6 +93,11 @@ void start_element(void *context, const xmlChar *tag, const xmlChar *prefix, con
                    int /*nb_defaulted*/, const xmlChar **attributes)
 {
     build(context, [=](tree_builder *builder) {
+        // The parser's stack of namespaces holds two texts for each.
+        if (nb_attributes > max_attributes || builder->parser->nsNr > 2 * max_namespaces) {
+            refuse(builder, QOR_XMLERR_INVALID_XML);
+            return;
+        }
         xml_tree *tree = builder->tree;
         const std::uint32_t element = offset_of(tree->elements.size());
         const std::size_t key = tree->chars.size();
@@ -133,6 +149,11 @@ void characters(void *context, const xmlChar *data, int len)
     });
 }
 
+void comment(void *context, const xmlChar * /*value*/)
+{
+    static_cast<tree_builder *>(context)->silence = 0;
+}
+
 void refuse_document(void *context)
 {
     refuse(static_cast<tree_builder *>(context), QOR_XMLERR_INVALID_XML);
@@ -172,6 +193,7 @@ void set_callbacks(xmlSAXHandler *sax)
     sax->characters = characters;
     sax->ignorableWhitespace = characters; // the same as `characters`: the parser then decides nothing itself
     sax->cdataBlock = characters;
+    sax->comment = comment;
     sax->entityDecl = entity_declared;
     sax->unparsedEntityDecl = unparsed_entity_declared;
     sax->attributeDecl = attribute_declared;
@@ -181,6 +203,41 @@ void set_callbacks(xmlSAXHandler *sax)
 struct parser_deleter {
     void operator()(xmlParserCtxtPtr parser) const { xmlFreeParserCtxt(parser); }
 };
+
+// Gives the parser its next bytes, or none once the document has become too costly. Given everything at once,
+// it would report nothing before the end of what it takes its time for.
+int feed(void *context, char *buffer, int size)
+{
+    auto *builder = static_cast<tree_builder *>(context);
+    const std::size_t len = builder->unread.copy(buffer, static_cast<std::size_t>(size));
+    builder->unread.remove_prefix(len);
+    // Comments cost nothing, and may be long: a block of the configuration that is switched off, say.
+    if (builder->parser->instate != XML_PARSER_COMMENT) {
+        builder->silence += len;
+    }
+    if (builder->silence > max_silence || xmlDictSize(builder->parser->dict) > max_names) {
+        builder->result = QOR_XMLERR_INVALID_XML;
+        return -1;
+    }
+    return static_cast<int>(len);
+}
+
+// Judges a document that the parser is done with. The parser's own verdict would be "well-formed" for one
+// that it had no memory to begin with, and for one with bytes behind a NUL, which it takes for the end.
+int judge(const tree_builder &builder)
+{
+    const xmlParserCtxt &parser = *builder.parser;
+    const bool root_seen = builder.tree->elements.size() > 1;
+    if (builder.result != QOR_XMLERR_SUCCESS) {
+        return builder.result;
+    }
+    if (parser.errNo == XML_ERR_NO_MEMORY) {
+        return QOR_XMLERR_OTHER;
+    }
+    return parser.errNo == XML_ERR_OK && root_seen && parser.input->cur == parser.input->end
+               ? QOR_XMLERR_SUCCESS
+               : QOR_XMLERR_INVALID_XML;
+}
 
 } // namespace
 
@@ -193,7 +250,7 @@ int xmltree_parse(std::string_view bytes, xml_tree *tree)
     if (parser == nullptr) {
         return QOR_XMLERR_OTHER;
     }
-    tree_builder builder = {tree, parser.get(), std::vector<open_element>(1), 0, QOR_XMLERR_SUCCESS};
+    tree_builder builder = {tree, parser.get(), bytes, std::vector<open_element>(1)};
     tree->elements.assign(1, {});
     set_callbacks(parser->sax);
     parser->userData = &builder;
@@ -201,17 +258,9 @@ int xmltree_parse(std::string_view bytes, xml_tree *tree)
     // document that declares an entity is refused at the declaration. No HUGE: the parser's limits on depth
     // and on the length of a name or a text stand. A document is made only for declarations, and of no use
     // here.
-    xmlFreeDoc(
-        xmlCtxtReadMemory(parser.get(), bytes.data(), static_cast<int>(bytes.size()), nullptr, nullptr,
-                          XML_PARSE_NONET | XML_PARSE_NOENT | XML_PARSE_NOERROR | XML_PARSE_NOWARNING));
-
-    if (builder.result != QOR_XMLERR_SUCCESS) {
-        return builder.result;
-    }
-    if (parser->errNo == XML_ERR_NO_MEMORY) {
-        return QOR_XMLERR_OTHER;
-    }
-    return parser->wellFormed != 0 ? QOR_XMLERR_SUCCESS : QOR_XMLERR_INVALID_XML;
+    xmlFreeDoc(xmlCtxtReadIO(parser.get(), feed, nullptr, &builder, nullptr, nullptr,
+                             XML_PARSE_NONET | XML_PARSE_NOENT | XML_PARSE_NOERROR | XML_PARSE_NOWARNING));
+    return judge(builder);
 }
 
 std::string_view xmltree_key(const xml_tree &tree, std::uint32_t element)

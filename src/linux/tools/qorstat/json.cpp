@@ -1,5 +1,7 @@
 #include "json.h"
 
+#include "textline.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -15,28 +17,11 @@ struct character {
 
 constexpr character invalid = {0xfffd, 1};
 
-/// Reads one character of UTF-8; over-long forms, surrogates and what is behind U+10FFFF are invalid.
 character read_character(const char *text)
 {
-    const auto first = static_cast<unsigned char>(text[0]);
-    if (first < 0x80) {
-        return {first, 1};
-    }
-    const std::size_t size = first >= 0xf0 ? 4 : first >= 0xe0 ? 3 : 2;
-    constexpr std::uint32_t least[] = {0, 0, 0x80, 0x800, 0x10000};
-    std::uint32_t code = first & (0xffU >> (size + 1));
-    if (first < 0xc2 || first > 0xf4) {
-        return invalid;
-    }
-    for (std::size_t i = 1; i < size; ++i) {
-        const auto next = static_cast<unsigned char>(text[i]); // the terminator is none that follows
-        if ((next & 0xc0) != 0x80) {
-            return invalid;
-        }
-        code = code << 6 | (next & 0x3f);
-    }
-    const bool surrogate = code >= 0xd800 && code <= 0xdfff;
-    return code < least[size] || surrogate || code > 0x10ffff ? invalid : character{code, size};
+    character read = {};
+    read.size = textline_read(text, &read.code);
+    return read.size != 0 ? read : invalid;
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 
 #include "fip.h"
 #include "qoripc.h"
+#include "textline.h"
 
 #include <algorithm>
 #include <array>
@@ -12,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 #include <iterator>
+#include <string>
 #include <unistd.h>
 #include <vector>
 
@@ -21,7 +23,7 @@ namespace
 enum exit_code { exit_ok = 0, exit_unreadable = 1, exit_usage = 2 };
 
 constexpr std::size_t columns = 5;
-using row = std::array<const char *, columns>;
+using row = std::array<std::string, columns>;
 
 constexpr char usage_text[] = "Usage: qorstat [--plain | --json] [-r RESOURCE [-g GROUP]]\n"
                               "       qorstat --npsimu on|off\n"
@@ -60,26 +62,20 @@ int fail(const char *what, int ret)
     return exit_unreadable;
 }
 
-/// The texts come from outside: what is not printable ASCII could disturb the columns or command the
+/// A text of a state as it is shown: it comes from outside, and could disturb the columns or command the
 /// terminal.
-template <std::size_t N>
-void make_printable(char (&text)[N])
+std::string printable(const char *text)
 {
-    for (std::size_t i = 0; i < N && text[i] != '\0'; ++i) {
-        const auto c = static_cast<unsigned char>(text[i]);
-        if (c < 0x20 || c >= 0x7f) {
-            text[i] = '?';
-        }
-    }
+    char shown[sizeof("\\xNN") * SHMRM_DESCRIPT_SIZE]; // of the longest field
+    textline_copy(shown, sizeof(shown), text);
+    return shown;
 }
 
-void make_printable(shmrm_state *state)
+/// Characters of a printable text; each begins with the one byte that does not continue another.
+std::size_t width_of(const std::string &text)
 {
-    make_printable(state->group);
-    make_printable(state->type);
-    make_printable(state->rscname);
-    make_printable(state->rscfree);
-    make_printable(state->descript);
+    return static_cast<std::size_t>(
+        std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xc0) != 0x80; }));
 }
 
 int read_states(std::vector<shmrm_state> *states)
@@ -111,22 +107,26 @@ int read_npsimu(int *npsimu)
 
 row to_row(const shmrm_state &state)
 {
-    return {state.group, state.type, state.rscname, state.rscfree, state.descript};
+    return {printable(state.group), printable(state.type), printable(state.rscname), printable(state.rscfree),
+            printable(state.descript)};
 }
 
 void print_table(const std::vector<shmrm_state> &states, int npsimu)
 {
     std::vector<row> rows = {{"GROUP", "TYPE", "RESOURCE", "DEVICE", "LAST MESSAGE"}};
     std::transform(states.begin(), states.end(), std::back_inserter(rows), to_row);
-    std::array<int, columns> width = {};
+    std::array<std::size_t, columns> width = {};
     for (const row &r : rows) {
         for (std::size_t i = 0; i < columns; ++i) {
-            width[i] = std::max(width[i], static_cast<int>(strlen(r[i])));
+            width[i] = std::max(width[i], width_of(r[i]));
         }
     }
     for (const row &r : rows) {
-        printf("%-*s  %-*s  %-*s  %-*s  %s\n", width[0], r[0], width[1], r[1], width[2], r[2], width[3], r[3],
-               r[4]);
+        std::string line;
+        for (std::size_t i = 0; i + 1 < columns; ++i) {
+            line.append(r[i]).append(width[i] - width_of(r[i]) + 2, ' ');
+        }
+        puts(line.append(r.back()).c_str());
     }
     printf("\nnpsimu: %s\n", npsimu != 0 ? "on" : "off");
 }
@@ -135,7 +135,7 @@ void print_plain(const std::vector<shmrm_state> &states)
 {
     for (const shmrm_state &state : states) {
         const row r = to_row(state);
-        printf("%s\t%s\t%s\t%s\t%s\n", r[0], r[1], r[2], r[3], r[4]);
+        printf("%s\t%s\t%s\t%s\t%s\n", r[0].c_str(), r[1].c_str(), r[2].c_str(), r[3].c_str(), r[4].c_str());
     }
 }
 
@@ -173,9 +173,6 @@ int show_all(form shape)
         print_json(states, npsimu);
         return exit_ok;
     }
-    for (shmrm_state &state : states) {
-        make_printable(&state);
-    }
     if (shape == form::plain) {
         print_plain(states);
     } else {
@@ -199,36 +196,37 @@ int read_state(const char *rscname, shmrm_state *found)
     return ret;
 }
 
-void print_resource(form shape, const shmrm_state &raw, const resource_report &report)
+void print_resource(form shape, const shmrm_state &state, const resource_report &report)
 {
     const char *status = status_word(report.status);
-    const char *address = report.address.c_str();
-    const char *interface = report.interface.c_str();
-    const char *label = report.label.c_str();
-    const char *note = report.note.c_str();
     if (shape == form::json) {
-        puts(json_object({{"group", raw.group},
-                          {"resource", raw.rscname},
+        puts(json_object({{"group", state.group},
+                          {"resource", state.rscname},
                           {"status", status},
-                          {"address", address},
-                          {"interface", interface},
-                          {"label", label},
-                          {"device", raw.rscfree},
-                          {"message", raw.descript},
-                          {"note", note}})
+                          {"address", report.address.c_str()},
+                          {"interface", report.interface.c_str()},
+                          {"label", report.label.c_str()},
+                          {"device", state.rscfree},
+                          {"message", state.descript},
+                          {"note", report.note.c_str()}})
                  .c_str());
         return;
     }
-    shmrm_state state = raw;
-    make_printable(&state);
+    const std::string address = printable(report.address.c_str());
+    const std::string interface = printable(report.interface.c_str());
+    const std::string label = printable(report.label.c_str());
+    const std::string note = printable(report.note.c_str());
+    const row shown = to_row(state);
+    const auto &[group, type, rscname, device, message] = shown;
     if (shape == form::plain) {
-        printf("%s\t%s\t%s\t%s\t%s\t%s\n", status, address, interface, label, state.rscfree, state.descript);
+        printf("%s\t%s\t%s\t%s\t%s\t%s\n", status, address.c_str(), interface.c_str(), label.c_str(),
+               device.c_str(), message.c_str());
         return;
     }
     printf("Resource:      %s\nGroup:         %s\nStatus:        %s%s%s\nAddress:       %s\n"
            "Interface:     %s\nLabel:         %s\nDevice:        %s\nLast message:  %s\n",
-           state.rscname, state.group, status, *note != '\0' ? ": " : "", note, address, interface, label,
-           state.rscfree, state.descript);
+           rscname.c_str(), group.c_str(), status, note.empty() ? "" : ": ", note.c_str(), address.c_str(),
+           interface.c_str(), label.c_str(), device.c_str(), message.c_str());
 }
 
 /// Shows one resource, and tells its status by the exit status.

@@ -1,9 +1,9 @@
 #include "chklog.h"
 
 #include "text.h"
+#include "textline.h"
 #include "unique_fd.h"
 
-#include <cctype>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -34,36 +34,35 @@ enum { MESSAGE_SIZE = 1024, LINE_SIZE = 1032 };
 /// The open check log.
 unique_fd grdctfd;
 
-/// Makes control bytes harmless: a newline in a configured value must not start a record of its own.
-void make_one_record(char *line)
-{
-    for (; *line != '\0'; ++line) {
-        const bool ends_record = line[0] == '\n' && line[1] == '\0';
-        if (iscntrl(static_cast<unsigned char>(*line)) != 0 && !ends_record) {
-            *line = '?';
-        }
-    }
-}
-
-/// Sends a line to the file, else to the trace log, there without its newline.
+/// Sends a line to the file, else to the trace log, there without its newline. A line that reached the file
+/// in part did not reach it.
 int deliver(const char *func, char *line)
 {
-    make_one_record(line);
     if (grdctfd.fd >= 0) {
-        if (write(grdctfd.fd, line, strlen(line)) >= 0) {
+        const std::size_t len = strlen(line);
+        const ssize_t written = write(grdctfd.fd, line, len);
+        if (written == static_cast<ssize_t>(len)) {
             return 0;
         }
-        TRACE_AS(func, TRACE_ERROR, "write() failed. (errno = %d)", errno);
+        TRACE_AS(func, TRACE_ERROR, "write() failed. (errno = %d)", written < 0 ? errno : ENOSPC);
+        if (written > 0) {
+            textline_end_piece(grdctfd.fd);
+        }
     }
     fip_chop(line);
     TRACE_AS(func, TRACE_INFO, "%s", line);
     return 1;
 }
 
+/// A name that does not fit is cut, not the end of its line.
 int write_frame(const char *func, const char *word, const char *type, const char *rscname)
 {
+    constexpr char end[] = "]\n";
     char line[MESSAGE_SIZE];
-    format_text(line, sizeof(line), "*****%s [type : %s][rscname : %s]\n", word, type, rscname);
+    format_text(line, sizeof(line), "*****%s [type : %s][rscname : ", word, type);
+    std::size_t len = strlen(line);
+    len += textline_copy(line + len, sizeof(line) - len - strlen(end), rscname);
+    copy_text(line + len, sizeof(line) - len, end);
     return deliver(func, line);
 }
 
@@ -90,11 +89,13 @@ int chk_log_term(const char *type, const char *rscname)
 
 int chk_log_write(int level, int index, const char *fmt, ...)
 {
-    char message[MESSAGE_SIZE];
+    char text[MESSAGE_SIZE];
     va_list args;
     va_start(args, fmt);
-    vsnprintf(message, sizeof(message), fmt, args);
+    vsnprintf(text, sizeof(text), fmt, args);
     va_end(args);
+    char message[MESSAGE_SIZE]; // a newline in a configured value must not start a record of its own
+    textline_copy(message, sizeof(message), text);
     // A message that was cut fills the line so far that its newline is cut off too.
     char line[LINE_SIZE];
     format_text(line, sizeof(line), "%c [%03d] %s\n", level == CHK_LEVEL_INFO ? 'I' : 'E', index, message);

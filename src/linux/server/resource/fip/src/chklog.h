@@ -41,8 +41,9 @@ extern const logmsg logtbl[CHK_ID_COUNT];
 /// Writes the end line and closes the file. @return the end line's result
 [[nodiscard]] int chk_log_term(const char *type, const char *rscname);
 
-/// Writes one line, "I [NUMBER] MESSAGE" for CHK_LEVEL_INFO, "E ..." for any other level. A message is cut at
-/// 1023 characters.
+/// Writes one line, "I [NUMBER] MESSAGE" for CHK_LEVEL_INFO, "E ..." for any other level. A message is
+/// escaped like the trace log's, and cut at 1023 bytes; one that has just as many leaves its line without a
+/// newline.
 /// @param index  number of the line: the `index` of a row of logtbl
 /// @return 0, or 1 when the line did not reach the file
 int chk_log_write(int level, int index, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
