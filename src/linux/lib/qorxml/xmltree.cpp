@@ -151,7 +151,10 @@ void characters(void *context, const xmlChar *data, int len)
 
 void comment(void *context, const xmlChar * /*value*/)
 {
-    static_cast<tree_builder *>(context)->silence = 0;
+    auto *builder = static_cast<tree_builder *>(context);
+    if (builder->parser->inSubset == 0) { // one in a document type declaration does not make that shorter
+        builder->silence = 0;
+    }
 }
 
 void refuse_document(void *context)

@@ -49,7 +49,9 @@ hardware_address read_hardware_address(const sockaddr *address, std::uint8_t len
 bool can_be_asked(const ifaddrs &entry, const sockaddr_ll &packet)
 {
     constexpr unsigned needed = IFF_UP | IFF_RUNNING;
-    return (entry.ifa_flags & (needed | IFF_NOARP)) == needed &&
+    // Through a bond's port the switch would learn the bond's address in the wrong place; the bond itself is
+    // asked.
+    return (entry.ifa_flags & (needed | IFF_NOARP | IFF_SLAVE)) == needed &&
            (packet.sll_hatype == ARPHRD_ETHER || packet.sll_hatype == ARPHRD_INFINIBAND) &&
            packet.sll_halen > 0 && packet.sll_halen <= hardware_address{}.bytes.size() &&
            entry.ifa_broadaddr != nullptr;

@@ -139,7 +139,8 @@ bool is_same(const host_address &one, const host_address &other)
 
 int find_places(const host_address &address, std::vector<address_place> *places)
 {
-    // Each try changes nothing; a list that changes as often as this is judged as it was read last.
+    // Each try changes nothing. What a list that changes as often as this has shown is there; what it has not
+    // may have been passed over.
     constexpr int tries = 10;
     const descriptor sock(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
     if (sock.fd < 0) {
@@ -153,5 +154,8 @@ int find_places(const host_address &address, std::vector<address_place> *places)
             ret = read_dump(sock.fd, address, places);
         }
     }
-    return ret == EINTR ? 0 : ret;
+    if (ret == EINTR) {
+        return places->empty() ? EAGAIN : 0;
+    }
+    return ret;
 }

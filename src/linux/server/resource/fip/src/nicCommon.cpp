@@ -116,6 +116,7 @@ int add_ipv6(request *req, const vdevinfo &dev, bool dad, bool *placed)
     if (!dad) {
         const int err = place_unasked(dev, req->ifr.ifr_ifindex);
         if (err != 0) {
+            *placed = err == ETIMEDOUT; // it may stand there, who knows
             TRACE_AS(act_name, TRACE_ERROR, "RTM_NEWADDR failed.(errno=%d)", err);
             return NIC_ERR_SIOCSIFADDR;
         }

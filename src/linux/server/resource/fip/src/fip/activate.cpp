@@ -42,7 +42,7 @@ bool uses_source_routing(const FIP_INFO &info)
 }
 
 /// Makes sure that no other host answers on the address, unless the node's npsimu flag says to skip that.
-/// *asked tells whether it was not skipped.
+/// *asked tells whether it was found out.
 int check_duplicate(FIP_INFO *info, bool *asked)
 {
     if (info->pingtout == 0) {
@@ -52,8 +52,7 @@ int check_duplicate(FIP_INFO *info, bool *asked)
         TRACE_AS(self, TRACE_INFO, "ping was not executed because npsimu is enabled.");
         return FIP_SUCCESS;
     }
-    *asked = true;
-    const int ret = fip_ping(info);
+    const int ret = fip_ping(info, asked);
     if (ret != FIP_SUCCESS) {
         TRACE_AS(self, TRACE_ERROR, "fip_ping() failed. (ret=%d)", ret);
     } else {
@@ -63,10 +62,11 @@ int check_duplicate(FIP_INFO *info, bool *asked)
 }
 
 /// Whether the run does without the critical section: an address that names interface and alias needs no
-/// choice that another run could upset. Source routing changes routes that all runs share.
+/// choice that another run could upset. Source routing changes routes that all runs share, and a guarded
+/// removal puts others' addresses back.
 bool is_trusted(const FIP_INFO &info)
 {
-    const bool trusted = fullnotation != 0 && !uses_source_routing(info);
+    const bool trusted = fullnotation != 0 && !uses_source_routing(info) && practice.guardif == 0;
     if (trusted) {
         TRACE_AS(self, TRACE_DEBUG, "trusted mode");
     }

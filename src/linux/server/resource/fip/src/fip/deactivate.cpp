@@ -176,10 +176,11 @@ int check_ping(deactivation *deact)
 /// Whether the run does without the critical section: the address names its interface and alias.
 bool is_trusted()
 {
-    if (fullnotation != 0) {
+    const bool trusted = fullnotation != 0 && practice.guardif == 0;
+    if (trusted) {
         TRACE_AS(self, TRACE_INFO, "trusted mode");
     }
-    return fullnotation != 0;
+    return trusted;
 }
 
 /// The sequence. The first step that fails ends it.

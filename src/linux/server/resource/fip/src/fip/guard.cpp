@@ -5,9 +5,15 @@
 #include "arp.h"
 #include "source.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
+#include <climits>
 #include <cstring>
+#include <string_view>
+#include <sys/socket.h>
+#include <unordered_set>
+#include <vector>
 
 namespace
 {
@@ -121,6 +127,10 @@ int remove_alone(removal *work)
 {
     nl_request request;
     nl_repeat(&request, RTM_DELADDR, NLM_F_ECHO, work->own);
+    // The kernel tells of all at once, before the first can be taken: some 1 KiB of its memory for each
+    // message.
+    const int room = static_cast<int>(std::min<std::size_t>(16 * work->addresses.size, INT_MAX / 4)) + 65'536;
+    setsockopt(work->kernel.sock.fd, SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof(room));
     // Room for what may go with it is taken before: afterwards the kernel does not know it any more.
     return nl_reserve(&work->dropped, work->addresses.size)
                ? nl_exchange(&work->kernel, &request, &work->dropped)
@@ -128,7 +138,7 @@ int remove_alone(removal *work)
 }
 
 /// Tells the neighbours of an address that is back.
-void announce(const nl_address &address, const char *text, const FIP_INFO &info)
+void announce(const nl_address &address, const FIP_INFO &info)
 {
     vdevinfo dev = {};
     char name[IF_NAMESIZE] = "";
@@ -136,7 +146,7 @@ void announce(const nl_address &address, const char *text, const FIP_INFO &info)
         return;
     }
     copy_text(dev.ifname, name);
-    copy_text(dev.sipel.addr, text);
+    inet_ntop(AF_INET, &address.addr, dev.sipel.addr, sizeof(dev.sipel.addr));
     dev.nipel.addr = address.addr;
     const int ret = fip_bound_memory([&] { return fip_send_arp(&dev, info.arpnum, info.arpopcode); });
     if (ret != FIP_SUCCESS) {
@@ -145,7 +155,8 @@ void announce(const nl_address &address, const char *text, const FIP_INFO &info)
 }
 
 /// Puts one dropped address back, with all that it had. One that is there again is somebody else's doing.
-void put_back_address(removal *work, const nlmsghdr *message, const nl_address &address)
+/// @return whether it was put back
+bool put_back_address(removal *work, const nlmsghdr *message, const nl_address &address)
 {
     char text[INET_ADDRSTRLEN];
     inet_ntop(AF_INET, &address.addr, text, sizeof(text));
@@ -154,17 +165,17 @@ void put_back_address(removal *work, const nlmsghdr *message, const nl_address &
     nl_repeat(&request, RTM_NEWADDR, NLM_F_CREATE | NLM_F_EXCL, message);
     const int err = nl_exchange(&work->kernel, &request, &answer);
     if (err == EEXIST) {
-        return;
+        return false;
     }
     if (err != 0) {
         TRACE_AS(self, TRACE_ERROR, "%s (%s) went with %s and is lost. (errno=%d)", text, address.label,
                  work->info->addr, err);
         fip_set_message("IP address %s was lost with %s.", text, work->info->addr);
-        return;
+        return false;
     }
     TRACE_AS(self, TRACE_WARNING, "%s (%s) had gone with %s and was put back.", text, address.label,
              work->info->addr);
-    announce(address, text, *work->info);
+    return true;
 }
 
 bool same_way(const nl_route &left, const nl_route &right)
@@ -182,16 +193,28 @@ bool leads_there(const nl_list &routes, const nl_route &wanted)
     return found;
 }
 
-/// Whether the list has exactly this message.
-bool holds(const nl_list &routes, const nlmsghdr *message)
+/// What a message says, whoever it was for.
+std::string_view body_of(const nlmsghdr *message)
 {
-    const std::size_t size = message->nlmsg_len - NLMSG_HDRLEN;
-    for (const nlmsghdr *it = nl_first(routes); it != nullptr; it = nl_next(routes, it)) {
-        if (it->nlmsg_len == message->nlmsg_len && memcmp(NLMSG_DATA(it), NLMSG_DATA(message), size) == 0) {
-            return true;
-        }
-    }
-    return false;
+    return {static_cast<const char *>(NLMSG_DATA(message)), message->nlmsg_len - NLMSG_HDRLEN};
+}
+
+/// The interface as it is after the removal.
+struct remainder {
+    nl_list addresses;
+    nl_list routes;
+    std::unordered_set<std::string_view> messages; ///< of `routes`: an interface may have a million
+};
+
+/// Whether the kernel has put a route of its own where this one was: so it does for an address that is put
+/// back.
+bool is_supplanted(const nl_list &routes, const nl_route &wanted)
+{
+    bool found = false;
+    each_route(routes, wanted.ifindex, [&](const nlmsghdr *, const nl_route &route) {
+        found = found || (same_way(route, wanted) && route.protocol == RTPROT_KERNEL);
+    });
+    return found;
 }
 
 /// Makes a request of a route: as it was, or with another source, which makes it the kernel's own, or with
@@ -205,8 +228,15 @@ void repeat_route(nl_request *request, int flags, const nlmsghdr *message, const
         body.rtm_protocol = RTPROT_KERNEL;
     }
     nl_begin(request, RTM_NEWROUTE, NLM_F_CREATE | flags, body);
+    // A nexthop object stands for the whole way, which the kernel tells beside it.
+    bool by_object = false;
+    nl_each(message, sizeof(body),
+            [&](const rtattr *attr) { by_object = by_object || attr->rta_type == RTA_NH_ID; });
     nl_each(message, sizeof(body), [&](const rtattr *attr) {
-        if (attr->rta_type != RTA_CACHEINFO && (source == nullptr || attr->rta_type != RTA_PREFSRC)) {
+        const bool way =
+            attr->rta_type == RTA_OIF || attr->rta_type == RTA_GATEWAY || attr->rta_type == RTA_VIA;
+        if (attr->rta_type != RTA_CACHEINFO && !(by_object && way) &&
+            (source == nullptr || attr->rta_type != RTA_PREFSRC)) {
             nl_add(request, attr->rta_type, RTA_DATA(attr), RTA_PAYLOAD(attr));
         }
     });
@@ -251,20 +281,19 @@ void free_route(removal *work, const nl_list &addresses, const nlmsghdr *message
 }
 
 /// Sets a route again that the removal took, if it did.
-void put_back_route(removal *work, const nl_list &addresses, const nl_list &left, const nlmsghdr *message,
-                    const nl_route &route)
+void put_back_route(removal *work, const remainder &left, const nlmsghdr *message, const nl_route &route)
 {
     if (route.source.s_addr == work->address.addr.s_addr) {
-        if (work->info->srcipuse == 1 && !leads_there(left, route)) {
-            free_route(work, addresses, message, route);
+        if (work->info->srcipuse == 1 && !leads_there(left.routes, route)) {
+            free_route(work, left.addresses, message, route);
         }
         return;
     }
-    // Addresses that were put back have brought the kernel's own routes with them, and perhaps in the place
-    // of others.
-    if (work->heads_subnet && route.protocol != RTPROT_KERNEL && !holds(left, message)) {
+    if (work->heads_subnet && route.protocol != RTPROT_KERNEL && !left.messages.contains(body_of(message))) {
+        // Beside another's route to the same place, but instead of the kernel's.
+        const int flags = is_supplanted(left.routes, route) ? NLM_F_REPLACE : NLM_F_APPEND;
         nl_request request;
-        repeat_route(&request, NLM_F_REPLACE, message, nullptr);
+        repeat_route(&request, flags, message, nullptr);
         set_route(work, &request, route);
     }
 }
@@ -272,22 +301,23 @@ void put_back_route(removal *work, const nl_list &addresses, const nl_list &left
 /// Sets the interface's routes again; those that lead to gateways when the others are there.
 void put_back_routes(removal *work)
 {
-    nl_list addresses;
-    nl_list left;
+    remainder left;
     const int ifindex = work->address.ifindex;
-    int err = list_addresses(&work->kernel, &addresses);
+    int err = list_addresses(&work->kernel, &left.addresses);
     if (err == 0) {
-        err = list_routes(&work->kernel, ifindex, &left);
+        err = list_routes(&work->kernel, ifindex, &left.routes);
     }
     if (err != 0) {
         TRACE_AS(self, TRACE_ERROR, "The routes of %s cannot be put back. (errno=%d)", work->address.label,
                  err);
         return;
     }
+    each_route(left.routes, ifindex,
+               [&](const nlmsghdr *message, const nl_route &) { left.messages.insert(body_of(message)); });
     for (const bool gateway : {false, true}) {
         each_route(work->routes, ifindex, [&](const nlmsghdr *message, const nl_route &route) {
             if (route.gateway == gateway) {
-                put_back_route(work, addresses, left, message, route);
+                put_back_route(work, left, message, route);
             }
         });
     }
@@ -297,14 +327,20 @@ void put_back_routes(removal *work)
 /// order.
 void put_back(removal *work)
 {
+    std::vector<nl_address> back;
     each_address(work->dropped, work->address.ifindex,
                  [&](const nlmsghdr *message, const nl_address &address) {
-                     if (message->nlmsg_type == RTM_DELADDR && !same_address(address, work->address)) {
-                         put_back_address(work, message, address);
+                     if (message->nlmsg_type == RTM_DELADDR && !same_address(address, work->address) &&
+                         put_back_address(work, message, address)) {
+                         back.push_back(address);
                      }
                  });
     if (work->routes.size != 0) {
         put_back_routes(work);
+    }
+    // Last, for a packet may have to wait for its device, and so would all that is still missing.
+    for (const nl_address &address : back) {
+        announce(address, *work->info);
     }
 }
 
@@ -331,16 +367,17 @@ int fip_guard(const vdevinfo *dev, const FIP_INFO *info, plain_removal plainly)
         TRACE(TRACE_WARNING, "%s cannot be guarded. (errno=%d)", info->ifname, unseen);
         return plainly(dev, info);
     }
-    int ret = FIP_SUCCESS;
-    if (bare || work.heads_subnet) {
-        const int err = remove_alone(&work);
-        ret = err == 0 ? FIP_SUCCESS : refuse(*dev, info->ifname, err);
-    } else {
-        ret = fip_bound_memory([=] { return plainly(dev, info); });
+    const int err = remove_alone(&work);
+    const int ret = fip_bound_memory([&work] {
+        put_back(&work);
+        return FIP_SUCCESS;
+    });
+    if (ret != FIP_SUCCESS) {
+        TRACE(TRACE_WARNING, "What went with %s may be lost. (ret=%d)", dev->sipel.addr, ret);
     }
-    put_back(&work);
-    if (ret == FIP_SUCCESS && bare) {
-        TRACE(TRACE_INFO, "Only %s was removed from %s.", dev->sipel.addr, info->ifname);
+    if (err != 0) {
+        return refuse(*dev, info->ifname, err);
     }
-    return ret;
+    TRACE(TRACE_INFO, "Only %s was removed from %s.", dev->sipel.addr, info->ifname);
+    return FIP_SUCCESS;
 }

@@ -161,7 +161,10 @@ int fip_send_na(const vdevinfo &dev, int count)
     TRACE(TRACE_DEBUG, "fip_send_na()  ENTRY...");
     nl_socket kernel;
     nl_link link = {};
-    const int err = nl_open(&kernel, 0) != 0 ? EIO : nl_get_link(&kernel, nic_device_name(dev), &link);
+    int err = nl_open(&kernel, 0);
+    if (err == 0) {
+        err = nl_get_link(&kernel, nic_device_name(dev), &link);
+    }
     if (err != 0) {
         TRACE(TRACE_ERROR, "send_na: No such device [%s] (errno=%d)", nic_device_name(dev), err);
         fip_set_message("Fip interface was not found.");

@@ -107,9 +107,9 @@ int list_addresses(FIP_INFO *info, address_list *list)
     return 0;
 }
 
-int probe(PIP_INFO pips, int ipnum)
+int probe(PIP_INFO pips, int ipnum, bool *asked)
 {
-    const int ret = fip_ping_mkth(pips, ipnum);
+    const int ret = fip_ping_mkth(pips, ipnum, asked);
     if (ret != FIP_SUCCESS) {
         TRACE_AS("fip_ping", TRACE_ERROR, "fip_ping_mkth() failed. (ret=%d)", ret);
     }
@@ -293,7 +293,7 @@ void *fip_ping_retry(void *parg)
     return nullptr;
 }
 
-int fip_ping_mkth(PIP_INFO pips, int ipnum)
+int fip_ping_mkth(PIP_INFO pips, int ipnum, bool *asked)
 {
     TRACE(TRACE_DEBUG, "fip_ping_mkth(%p, %d)  ENTRY...", static_cast<void *>(pips), ipnum);
     const auto bytes = static_cast<std::size_t>(ipnum) * sizeof(FIP_THREAD_INFO);
@@ -309,6 +309,9 @@ int fip_ping_mkth(PIP_INFO pips, int ipnum)
     join_workers(pips, ipnum, pth.get());
     int result = started == 0 ? last_error : combine(pips, ipnum, pth.get());
 
+    if (asked != nullptr) {
+        *asked = result == FIP_SUCCESS || result == FIP_ERR_INUSE;
+    }
     const FIP_INFO &info = *pips[0].pinfo;
     if (result != FIP_SUCCESS && info.pingforce != 0 && actflag == 0) {
         TRACE(TRACE_WARNING, "force act fip(%s)!", info.addr);
@@ -325,13 +328,13 @@ int fip_ping_mkth(PIP_INFO pips, int ipnum)
     return result;
 }
 
-int fip_ping(FIP_INFO *pinfo)
+int fip_ping(FIP_INFO *pinfo, bool *asked)
 {
     TRACE(TRACE_DEBUG, "fip_ping(%p)  ENTRY...", static_cast<void *>(pinfo));
     if (actflag == 0 && pinfo->pingallip != 0) {
         address_list list;
         if (list_addresses(pinfo, &list) == 0) {
-            const int ret = probe(list.pips.get(), list.ipnum);
+            const int ret = probe(list.pips.get(), list.ipnum, asked);
             list.servers.slots.reset();
             TRACE(TRACE_DEBUG, "free(servers) success.");
             list.pips.reset();
@@ -342,5 +345,5 @@ int fip_ping(FIP_INFO *pinfo)
     IP_INFO ip = {};
     copy_text(ip.addr, pinfo->addr);
     ip.pinfo = pinfo;
-    return probe(&ip, 1);
+    return probe(&ip, 1, asked);
 }

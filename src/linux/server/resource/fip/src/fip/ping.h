@@ -14,14 +14,16 @@ enum fip_event {
 
 /// Probes the resource's address, or on activation with pingallip every address that the resource has on any
 /// server, all at once.
+/// @param asked  set to whether it was found out if anybody has the addresses, be that overridden or not; may
+///               be null
 /// @return 0 when nobody answers, or when a failure was overridden by pingforce; else as fip_ping_mkth, with
 ///         a result message
-[[nodiscard]] int fip_ping(FIP_INFO *pinfo);
+[[nodiscard]] int fip_ping(FIP_INFO *pinfo, bool *asked = nullptr);
 
 /// Runs one worker per block at once, joins them all, and combines their results: the last one that is not 0.
 /// @return 0; FIP_ERR_INUSE; FIP_ERR_TOOL; FIP_ERR_ABNORMAL; FIP_ERR_NOTOOL; FIP_ERR_MEMORY; FIP_ERR_THREAD
 ///         when a worker could not be started; when none could, the error number of the last start
-[[nodiscard]] int fip_ping_mkth(PIP_INFO pips, int ipnum);
+[[nodiscard]] int fip_ping_mkth(PIP_INFO pips, int ipnum, bool *asked = nullptr);
 
 /// One worker: parg is an IP_INFO. Checks its address, and again after each failure up to pingretry times.
 void *fip_ping_retry(void *parg);
