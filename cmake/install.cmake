@@ -13,5 +13,8 @@ install(FILES etc/cluster.xml DESTINATION etc/check)
 install(FILES ${qor_pages} DESTINATION share/man/man8)
 install(FILES README.md DESTINATION share/doc/qorfip)
 install(FILES ${qor_documents} DESTINATION share/doc/qorfip/docs)
+# The cluster's agent belongs below the OCF root, not into the home:
+# `cmake --install ... --component resource-agent --prefix /usr`
+install(PROGRAMS src/linux/ocf/fip DESTINATION lib/ocf/resource.d/qor COMPONENT resource-agent EXCLUDE_FROM_ALL)
 install(DIRECTORY DESTINATION log DIRECTORY_PERMISSIONS ${qor_state_permissions})
 install(DIRECTORY DESTINATION run DIRECTORY_PERMISSIONS ${qor_state_permissions})
