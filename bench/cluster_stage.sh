@@ -14,8 +14,17 @@ export vip=192.0.2.10
 eventually() {
     local end=$((SECONDS + 60))
     until "$@" 2>/dev/null; do
-        ((SECONDS < end)) || { echo "never: $*" >&2 && return 1; }
+        ((SECONDS < end)) || { tell_all "never: $*" && return 1; }
         sleep 0.1
+    done
+}
+# tell_all TEXT...: with what the nodes know
+tell_all() {
+    local node
+    printf '%s\n' "$@" >&2
+    for node in 1 2; do
+        on $node crm_mon -1 -r >&2 2>/dev/null || true
+        tail -n 20 "$stage/node$node/home/log/fip.log" >&2 || true
     done
 }
 
@@ -118,21 +127,20 @@ make_cluster() {
 }
 
 start_corosync() {
-    on "$1" sh -c 'corosync -f >/var/log/corosync.out 2>&1 3>&- &'
+    on "$1" sh -c 'corosync -f >/var/log/corosync.out 2>&1 3>&- 4>&- &'
     eventually on "$1" corosync-cmapctl -q totem.token >/dev/null 2>&1
 }
 start_pacemaker() {
-    on "$1" sh -c 'PCMK_logfile=/var/log/pacemaker/pacemaker.log pacemakerd -f >/var/log/pacemakerd.out 2>&1 3>&- &'
+    on "$1" sh -c 'PCMK_logfile=/var/log/pacemaker/pacemaker.log pacemakerd -f >/var/log/pacemakerd.out 2>&1 3>&- 4>&- &'
 }
 
-# power_on NODE: as after a reset: no floating address, an empty /run, its link up
+# power_on NODE: as after a reset: no address but its own, an empty /run, its link up
 power_on() {
     local directory=$stage/node$1 starter
-    ip -n "node$1" address flush dev eth0
     ip -n "node$1" address add "192.0.2.$1/24" dev eth0
     ip link set "port$1" up
     ip netns exec "node$1" unshare --mount --pid --ipc --uts --fork --kill-child --mount-proc --propagation private \
-        "$PWD/bench/cluster_node.sh" "$directory" "$stage/lib/ocf/resource.d" >"$directory/init.log" 2>&1 3>&- </dev/null &
+        "$PWD/bench/cluster_node.sh" "$directory" "$stage/lib/ocf/resource.d" >"$directory/init.log" 2>&1 3>&- 4>&- </dev/null &
     starter=$!
     eventually init_of "$starter" >"$directory/init"
     eventually on "$1" test -e /run/ready
@@ -149,19 +157,17 @@ kill_processes() {
 power_off() {
     ip link set "port$1" down
     [ ! -e "$stage/node$1/init" ] || kill_processes "$1"
+    ip -n "node$1" address flush dev eth0
 }
 
 both_online() { on "$1" crm_mon -1 2>/dev/null | grep -q 'Online: \[ node1 node2 \]'; }
+# is_settled NODE: nothing is left to do. Asks every 2 s only.
 is_settled() { on "$1" crm_resource --wait --timeout 60 >/dev/null 2>&1; }
 
 # ---- the resources, always by the node that is named first
 
-# add NODE XML...
-add() {
-    local text
-    for text in "${@:2}"; do on "$1" cibadmin -C -o resources --xml-text "$text"; done
-    is_settled "$1"
-}
+# add NODE XML
+add() { on "$1" cibadmin -C -o resources --xml-text "$2"; }
 # primitive ID PROVIDER:TYPE "NAME=VALUE..." [META]: the text of one
 primitive() {
     local pair count=0
@@ -177,19 +183,20 @@ primitive() {
     echo "<op id='$1-start' name='start' interval='0' timeout='60s'/>"
     echo "<op id='$1-stop' name='stop' interval='0' timeout='60s'/></operations></primitive>"
 }
-# where NODE RESOURCE: the number of the node that runs it
+# where NODE RESOURCE: the number of the node that runs it, or is starting it
 where() { on "$1" crm_resource --resource "$2" --locate 2>/dev/null | sed -n 's/.*running on: node\([12]\).*/\1/p'; }
-# move NODE RESOURCE TO: a planned move, the constraint taken away again
+# is_at NODE RESOURCE WHERE
+is_at() { [ "$(where "$1" "$2")" = "$3" ]; }
+shows() { on "$1" crm_mon -1 -r | grep -q "$2"; }
+
+# move NODE RESOURCE TO: a planned move; the constraint is taken away again
 move() {
     on "$1" crm_resource --resource "$2" --move --node "node$3" >/dev/null 2>&1
-    is_settled "$1"
+    eventually is_at "$1" "$2" "$3"
     on "$1" crm_resource --resource "$2" --clear >/dev/null 2>&1
-    is_settled "$1"
 }
-standby() {
-    on "$1" crm_attribute --type nodes --node "node$2" --name standby --update "$3"
-    is_settled "$1"
-}
+standby() { on "$1" crm_attribute --type nodes --node "node$2" --name standby --update "$3"; }
+cleanup() { on "$1" crm_resource --cleanup --resource "$2" >/dev/null 2>&1; }
 
 # carriers ADDRESS: the nodes whose kernels have it
 carriers() {
@@ -199,13 +206,14 @@ carriers() {
     done
     echo "${found# }"
 }
+is_on() { [ "$(carriers "$1")" = "$2" ]; }
 
 # ---- the client
 
 answers() { ping -n -c 1 -W 1 "$1" >/dev/null; }
 # watch_start: from now on the client asks every 10 ms. Returns with the first answer.
 watch_start() {
-    ping -n -D -i 0.01 "$vip" >"$stage/watch" 2>&1 3>&- &
+    ping -n -D -i 0.01 "$vip" >"$stage/watch" 2>&1 3>&- 4>&- &
     echo $! >"$stage/watcher"
     eventually grep -q 'bytes from' "$stage/watch"
 }
