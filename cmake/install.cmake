@@ -2,7 +2,7 @@
 set(qor_config_permissions OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
 set(qor_state_permissions OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE)
 set(qor_pages docs/qorfip.8 docs/qorping.8 docs/qorstat.8)
-set(qor_documents docs/architecture.md docs/configuration.md docs/operations.md docs/performance.md
+set(qor_documents docs/architecture.md docs/cluster.md docs/configuration.md docs/operations.md docs/performance.md
     docs/reliability.md docs/security.md)
 
 install(TARGETS qorfip qorping qorstat RUNTIME DESTINATION bin)
