@@ -58,8 +58,9 @@ peer() { ip -n "$there" address "$@"; }
 	0|stop||carries 'bare inet 192.0.2.20/24 brd 192.0.2.255 scope global bare'
 	0|start||[[ $(ip -n $here link show bare) == *,UP* ]]; carries ''; cluster 'fip1 10.0.0.1/24%veth:5'
 	0|stop||node add 10.0.0.2/24 dev veth; rm $QOR_HOME/etc/cluster.xml
-	0|stop||carries 'veth inet 10.0.0.2/24 scope global veth'; node delete 10.0.0.2/24 dev veth
+	0|stop||carries 'veth inet 10.0.0.2/24 scope global veth'; grep -q 0 <(ip netns exec $here sysctl -n net.ipv4.conf.veth.promote_secondaries); node delete 10.0.0.2/24 dev veth
 	5|monitor|and none is recorded|rm -r $QOR_HOME/run
+	5|start|etc/cluster.xml cannot be loaded|
 	0|stop||
 	0|start||cluster 'fip1 192.0.2.10/24'
 	1|stop|was started, but neither the configuration nor a record|rm -r $QOR_HOME/etc/cluster.xml $QOR_HOME/run
