@@ -45,7 +45,6 @@ resource() {
     *) primitive "$1" qor:fip "resource=$3" "${@:5}" ;;
     esac
 }
-set_role() { on "$1" crm_resource --resource "$2" --set-parameter target-role --meta --parameter-value "$3" >/dev/null 2>&1; }
 
 # ---- the measures
 
@@ -55,11 +54,10 @@ exec_time() { # NODE RESOURCE: what Pacemaker says that its last start there has
 }
 
 planned_move() {
-    local to
-    to=$(other "$(where 1 "$1")")
+    local from to
+    locate 1 "$1"
     watch_start
     move 1 "$1" "$to"
-    eventually is_on "$vip" "$to"
     note move "$1" "$(watch_stop)"
     is_settled 1
 }
@@ -73,7 +71,7 @@ come_back() { # NODE KIND: the node that was off, while the other one has worked
 
 power_cut() {
     local from to
-    from=$(where 1 "$1") to=$(other "$from")
+    locate 1 "$1"
     watch_start
     power_off "$from"
     eventually is_on "$vip" "$to"
@@ -85,7 +83,7 @@ power_cut() {
 
 ghost() {
     local from to
-    from=$(where 1 "$1") to=$(other "$from")
+    locate 1 "$1"
     kill_processes "$from"
     eventually has_tried "$to" "$1"
     is_settled "$to"

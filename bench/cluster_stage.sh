@@ -187,13 +187,13 @@ primitive() {
 where() { on "$1" crm_resource --resource "$2" --locate 2>/dev/null | sed -n 's/.*running on: node\([12]\).*/\1/p'; }
 # is_at NODE RESOURCE WHERE
 is_at() { [ "$(where "$1" "$2")" = "$3" ]; }
+# locate NODE RESOURCE: sets from, the node that runs it, and to, the other one
+# shellcheck disable=SC2034 # the caller's
+locate() { from=$(where "$1" "$2") to=$(other "$from"); }
 shows() { on "$1" crm_mon -1 -r | grep -q "$2"; }
 
-# move NODE RESOURCE TO: a planned move; the constraint is taken away again
-move() {
-    on "$1" crm_resource --resource "$2" --move --node "node$3" >/dev/null 2>&1
-    eventually is_at "$1" "$2" "$3"
-    on "$1" crm_resource --resource "$2" --clear >/dev/null 2>&1
+set_role() { # NODE RESOURCE Started|Stopped
+    on "$1" crm_resource --resource "$2" --set-parameter target-role --meta --parameter-value "$3" >/dev/null 2>&1
 }
 standby() { on "$1" crm_attribute --type nodes --node "node$2" --name standby --update "$3"; }
 cleanup() { on "$1" crm_resource --cleanup --resource "$2" >/dev/null 2>&1; }
@@ -207,10 +207,18 @@ carriers() {
     echo "${found# }"
 }
 is_on() { [ "$(carriers "$1")" = "$2" ]; }
+# runs ASKED RESOURCE NODE [ADDRESS]: by the cluster's account, by the kernels', and by the client's
+runs() { is_at "$1" "$2" "$3" && is_on "${4-$vip}" "$3" && answers "${4-$vip}"; }
+# move NODE RESOURCE TO [ADDRESS]: a planned move, until the address is there; then the constraint is taken away
+move() {
+    on "$1" crm_resource --resource "$2" --move --node "node$3" >/dev/null 2>&1
+    eventually runs "$1" "$2" "$3" "${4-$vip}"
+    on "$1" crm_resource --resource "$2" --clear >/dev/null 2>&1
+}
 
 # ---- the client
 
-answers() { ping -n -c 1 -W 1 "$1" >/dev/null; }
+answers() { ping -n -c 1 -W 1 "$1" >/dev/null 2>&1; }
 # watch_start: from now on the client asks every 10 ms. Returns with the first answer.
 watch_start() {
     ping -n -D -i 0.01 "$vip" >"$stage/watch" 2>&1 3>&- 4>&- &

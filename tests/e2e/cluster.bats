@@ -11,19 +11,12 @@ setup_file() {
     eventually both_online 1
 }
 
-# runs ASKED RESOURCE NODE [ADDRESS]: by the cluster's account, by the kernels', and by the client's
-runs() { is_at "$1" "$2" "$3" && is_on "${4-$vip}" "$3" && answers "${4-$vip}"; }
-set_role() { on 1 crm_resource --resource vip --set-parameter target-role --meta --parameter-value "$1" >/dev/null; }
-# locate NODE RESOURCE: sets from, the node that runs it, and to, the other one
-locate() { from=$(where "$1" "$2") to=$(other "$from"); }
-
 @test "it is started, goes to the other node as planned, and away from one in standby" {
     add 1 "$(primitive vip qor:fip resource=fip1)"
     is_settled 1
     locate 1 vip
     eventually runs 1 vip "$from"
     move 1 vip "$to"
-    eventually runs 1 vip "$to"
     standby 1 "$to" on
     eventually runs 1 vip "$from"
     standby 1 "$to" off
@@ -77,12 +70,12 @@ locate() { from=$(where "$1" "$2") to=$(other "$from"); }
     is_settled 1
     locate 1 vip
     rm "$stage/node$from/home/etc/cluster.xml"
-    set_role Stopped
+    set_role 1 vip Stopped
     eventually is_on "$vip" ''
     eventually shows 1 'Stopped (disabled)'
     run -1 shows 1 Failed
     fips "$from" "fip1 $vip/24"
-    set_role Started
+    set_role 1 vip Started
     eventually answers "$vip"
 }
 
