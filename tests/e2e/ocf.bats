@@ -52,7 +52,8 @@ peer() { ip -n "$there" address "$@"; }
 @test "a stop removes the one address, and never believes what nobody tells" {
     follows <<-'EOT'
 	1|stop|192.0.2.10/24 is on veth itself|node add 192.0.2.10/24 dev veth
-	0|monitor||node add 192.0.2.10/24 dev bare label bare:7; node delete 192.0.2.10/24 dev veth
+	0|stop||practice 0 1 1
+	0|monitor||practice 0 1 0; carries ''; [[ $(ip -n $here link show veth) == *,UP* ]]; node add 192.0.2.10/24 dev bare label bare:7
 	0|stop||
 	0|start||carries ''; cluster 'fip1 192.0.2.20/24%bare'
 	0|stop||carries 'bare inet 192.0.2.20/24 brd 192.0.2.255 scope global bare'
