@@ -3,11 +3,12 @@
 source "$BATS_TEST_DIRNAME/fip_helper.bash"
 
 setup_file() {
-    export root="$BATS_FILE_TMPDIR/root" deb="$BATS_FILE_TMPDIR/package.deb"
+    export root="$BATS_FILE_TMPDIR/root" deb="$BATS_FILE_TMPDIR/package.deb" ocf_deb="$BATS_FILE_TMPDIR/ocf.deb"
     umask 007 # must not show in the package
     cpack -G DEB --config "$QOR_BIN/../CPackConfig.cmake" -B "$BATS_FILE_TMPDIR"
     umask 022
-    mv "$BATS_FILE_TMPDIR"/*.deb "$deb"
+    mv "$BATS_FILE_TMPDIR"/qorfip-resource-agent_*_all.deb "$ocf_deb"
+    mv "$BATS_FILE_TMPDIR"/qorfip_*.deb "$deb"
     dpkg-deb -R "$deb" "$root"
 }
 
@@ -37,7 +38,7 @@ completes() {
 }
 
 @test "what the package holds and tells: one version everywhere, safe files, nothing for lintian" {
-    run -0 lintian --allow-root --display-info --fail-on error,warning "$deb"
+    run -0 lintian --allow-root --display-info --fail-on error,warning "$deb" "$ocf_deb"
     [[ $output != *unused-override* && $output != *mismatched-override* ]] || fail
     version=$("$QOR_BIN/qorstat" --version)
     [ "$(dpkg-deb -f "$deb" Version)" = "${version#qorstat }" ]
@@ -45,7 +46,8 @@ completes() {
     grep -qF "## [${version#qorstat }]" "$QOR_SOURCE/CHANGELOG.md"
     [ "$(dpkg-deb -f "$deb" Depends | grep -oE '(libc6|libgcc-s1|libstdc\+\+6|libxml2) \(' | wc -l)" -eq 4 ]
     # Root's files, which nobody else may write, and links that lead somewhere.
-    run -1 grep -vE '^(lrwxrwxrwx|[-d]rwxr-xr-x|-rw-r--r--|drwxr-x---) root/root ' <(dpkg-deb -c "$deb")
+    run -1 grep -vE '^(lrwxrwxrwx|[-d]rwxr-xr-x|-rw-r--r--|drwxr-x---) root/root ' \
+        <(dpkg-deb -c "$deb" && dpkg-deb -c "$ocf_deb")
     [ "$(dpkg-deb -c "$deb" | grep -cE '^drwxr-x--- .*/qor/(log|run)/$')" -eq 2 ]
     [ "$(find "$root" -type l -lname '/*' -printf "$root%l\n" | xargs ls -d | wc -l)" -eq 6 ]
     [ "$root/opt/qor/bin/qorping-icmp" -ef "$root/opt/qor/bin/qorping" ]
@@ -55,6 +57,17 @@ completes() {
     run -0 find "$root/etc" -type f -printf '/etc/%P\n'
     [ "$(sort <<<"$output")" = "$(sort "$root/DEBIAN/conffiles")" ] || fail
     [ "${#lines[@]}" -eq 5 ]
+}
+
+@test "the resource agent's package needs the other one, and works with it" {
+    make_network
+    dpkg-deb -R "$ocf_deb" agent
+    [[ $(dpkg-deb -f "$ocf_deb" Package Architecture Depends) == *qorfip-resource-agent*all*'qorfip (>='* ]]
+    export OCF_RESKEY_resource=fip1 HA_RSCTMP=$PWD
+    for action in validate-all start monitor stop; do
+        installed agent/usr/lib/ocf/resource.d/qor/fip "$action"
+    done
+    run -7 installed agent/usr/lib/ocf/resource.d/qor/fip monitor
 }
 
 @test "it works as installed, is purged, and does not go over a home that was made by hand" {

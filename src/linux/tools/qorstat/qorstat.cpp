@@ -208,6 +208,7 @@ void print_resource(form shape, const shmrm_state &state, const resource_report 
                           {"label", report.label.c_str()},
                           {"device", state.rscfree},
                           {"message", state.descript},
+                          {"guard", report.guarded ? "on" : "off"},
                           {"note", report.note.c_str()}})
                  .c_str());
         return;

@@ -40,13 +40,16 @@ host_address to_host(const FIP_INFO &info)
     return host;
 }
 
-host_address read_configured(const char *rscname)
+host_address read_configured(const char *rscname, bool *guarded)
 {
     FIP_INFO info = {};
     copy_text(info.rscname, rscname);
     host_address host;
-    if (fip_xml_init() == FIP_SUCCESS && fip_xml_get_address(&info) == FIP_SUCCESS) {
-        host = to_host(info);
+    if (fip_xml_init() == FIP_SUCCESS) {
+        *guarded = fip_xml_is_guarded(rscname);
+        if (fip_xml_get_address(&info) == FIP_SUCCESS) {
+            host = to_host(info);
+        }
     }
     fip_xml_term();
     return host;
@@ -174,7 +177,8 @@ const char *status_word(resource_status status)
 
 int judge_resource(const char *group, const shmrm_state &row, resource_report *report)
 {
-    const int ret = look_for(read_configured(row.rscname), read_recorded(row), report);
+    const host_address configured = read_configured(row.rscname, &report->guarded);
+    const int ret = look_for(configured, read_recorded(row), report);
     if (ret == 0 && group != nullptr && row.group[0] != '\0' && strcmp(group, row.group) != 0) {
         // Whoever asks for the wrong resource must neither take this one for its own nor believe it down.
         report->status = report->interface.empty() ? RESOURCE_UNKNOWN : RESOURCE_CHANGED;

@@ -19,6 +19,7 @@ struct resource_report {
     std::string address;   ///< with the length of its prefix, where that is known
     std::string interface; ///< that carries it now
     std::string label;     ///< the name that it stands under now, for IPv4
+    bool guarded = false;  ///< a removal leaves an interface up whose bare name the address stands under
     std::string note;      ///< what the status alone does not tell
 };
 

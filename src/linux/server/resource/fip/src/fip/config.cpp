@@ -318,6 +318,13 @@ int fip_xml_get_address(FIP_INFO *pfipinfo)
     return ret;
 }
 
+bool fip_xml_is_guarded(const char *rscname)
+{
+    const policy_scope policy(__func__, "fip");
+    int value = 0;
+    return policy.loaded && read_int(rscname, guard_params[0].key, &value, TRACE_DEBUG) && value != 0;
+}
+
 int fip_xml_get_config(FIP_INFO *pfipinfo)
 {
     TRACE(TRACE_DEBUG, "fip_xml_get_config(%p)  ENTRY...", static_cast<void *>(pfipinfo));

@@ -53,6 +53,10 @@ struct policy_scope {
 ///         fip_div_ipmask
 [[nodiscard]] int fip_xml_get_address(FIP_INFO *pfipinfo);
 
+/// Whether a removal of the resource's address takes nothing else with it, by guard/interface. Without a
+/// readable policy it is none, as nothing is then removed at all.
+[[nodiscard]] bool fip_xml_is_guarded(const char *rscname);
+
 /// Fills the record with every parameter of its resource, and with the address that applies to this server
 /// when it has none yet. A parameter that cannot be read gets its default and a line in the trace.
 /// @return 0; FIP_ERR_POLICY; a result of fip_xml_get_address; the result of fip_xml_get_path for the

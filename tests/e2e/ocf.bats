@@ -1,0 +1,99 @@
+# The resource agent for Pacemaker, as the cluster calls it: statuses, reasons, and what is left in the kernel.
+# shellcheck source-path=SCRIPTDIR source=fip_helper.bash
+source "$BATS_TEST_DIRNAME/fip_helper.bash"
+
+ra() {
+    ip netns exec "$here" env OCF_ROOT=/usr/lib/ocf HA_RSCTMP="$PWD" OCF_RESOURCE_INSTANCE=vip \
+        OCF_RESKEY_resource="${resource-fip1}" OCF_RESKEY_home="$QOR_HOME" OCF_CHECK_LEVEL="${depth-0}" "$@"
+}
+script=$QOR_SOURCE/src/linux/ocf/fip
+
+# follows: does what a row of standard input says, and expects the status, and the reason if one is named.
+# STATUS|ACTION|REASON|WHAT IS DONE BEFORE
+follows() {
+    local code action reason before
+    while IFS='|' read -r code action reason before; do
+        eval "$before"
+        status=0
+        ra timeout 30 "$script" "$action" >output 2>&1 || status=$?
+        output=$(<output)
+        [ "$status" -eq "$code" ] || fail "$action: exit $status, not $code" "after: $before"
+        [[ $output == *"ocf-exit-reason:"*"$reason"* || -z $reason ]] || fail "$action: reason not $reason"
+    done
+}
+node() { ip -n "$here" address "$@"; }
+peer() { ip -n "$there" address "$@"; }
+
+@test "start, monitor and stop: as often as they come, and with another host, no link, no configuration" {
+    follows <<-'EOT'
+	7|monitor||cluster 'fip1 192.0.2.10/24 <ping><timeout>1</timeout></ping>'
+	1|start|IP address was already used. Its owner is 02:00:00:00:00:02.|peer add 192.0.2.10/24 dev veth; carries ''
+	7|monitor||carries ''
+	0|start||peer delete 192.0.2.10/24 dev veth
+	0|start||carries "$alias0"
+	0|monitor||depth=10
+	1|monitor|the link of veth is down|ip -n $there link set veth down
+	0|monitor||depth=0; rm $QOR_HOME/etc/cluster.xml
+	0|stop||ip -n $there link set veth up
+	0|stop||carries ''
+	7|monitor||
+	5|start|etc/cluster.xml cannot be loaded|
+	2|start|the bits in the address are wrong|cluster 'fip1 192.0.2.10/99'
+	2|start|Fip interface was not found.|cluster 'fip1 10.0.0.1/24'
+	0|stop||
+	0|start||cluster 'fip1 192.0.2.10/24'
+	0|stop||cluster 'fip1 192.0.2.11/24'
+	6|start|the parameter resource is missing|carries ''; resource=
+	0|stop||resource=$(printf %032d 0)
+	5|start|cannot be loaded|resource=fip1; chmod o+w $QOR_HOME/etc/cluster.xml
+	EOT
+}
+
+@test "a stop removes the one address, and never believes what nobody tells" {
+    follows <<-'EOT'
+	1|stop|192.0.2.10/24 is on veth itself|node add 192.0.2.10/24 dev veth
+	0|stop||practice 0 1 1
+	0|monitor||practice 0 1 0; carries ''; [[ $(ip -n $here link show veth) == *,UP* ]]; node add 192.0.2.10/24 dev bare label bare:7
+	0|stop||
+	0|start||carries ''; cluster 'fip1 192.0.2.20/24%bare'
+	0|stop||carries 'bare inet 192.0.2.20/24 brd 192.0.2.255 scope global bare'
+	0|start||[[ $(ip -n $here link show bare) == *,UP* ]]; carries ''; cluster 'fip1 10.0.0.1/24%veth:5'
+	0|stop||node add 10.0.0.2/24 dev veth; rm $QOR_HOME/etc/cluster.xml
+	0|stop||carries 'veth inet 10.0.0.2/24 scope global veth'; grep -q 0 <(ip netns exec $here sysctl -n net.ipv4.conf.veth.promote_secondaries); node delete 10.0.0.2/24 dev veth
+	5|monitor|and none is recorded|rm -r $QOR_HOME/run
+	5|start|etc/cluster.xml cannot be loaded|
+	0|stop||
+	0|start||cluster 'fip1 192.0.2.10/24'
+	1|stop|was started, but neither the configuration nor a record|rm -r $QOR_HOME/etc/cluster.xml $QOR_HOME/run
+	0|stop||cluster 'fip1 192.0.2.10/24'
+	0|stop||carries ''; mv $QOR_HOME/bin gone
+	5|monitor|there is no program|
+	0|start||mv gone $QOR_HOME/bin; rm $QOR_HOME/etc/cluster.xml; cluster 'fip1 2001:db8::10/64'
+	0|monitor||
+	0|stop||carries 'veth inet6 2001:db8::10/64 scope global'
+	1|monitor|duplicate address detection failed|peer add 2001:db8::10/64 dev veth; echo 1 | ip netns exec $here tee /proc/sys/net/ipv6/conf/veth/accept_dad >dad; node add 2001:db8::10/64 dev veth; eventually sh -c "ip -n $here address show dadfailed | grep -q 2001"
+	EOT
+}
+
+@test "validate-all judges the running configuration by the limits of the policy" {
+    follows <<-'EOT'
+	0|validate-all||cluster 'fip1 192.0.2.10/24'; sed -i 's|<parameters>|<comment>c</comment>&|' $QOR_HOME/etc/cluster.xml
+	2|validate-all|fip1: [004] Value of Ping Timeout is out of range. (value=1000)|sed -i 's|</ip>|&<ping><timeout>1000</timeout></ping>|' $QOR_HOME/etc/cluster.xml
+	0|validate-all||sed -i 's|999|1000|' $QOR_HOME/etc/policy/fip.xml
+	2|validate-all|[099] Internal error occurred. xmllib_get_value(/root/resource/fip@fip1/parameters/ping/timeout|sed -i 's|1000<|soon<|' $QOR_HOME/etc/cluster.xml
+	5|validate-all|cannot be loaded|chmod g+w $QOR_HOME/etc/cluster.xml
+	EOT
+    [ ! -e "$QOR_HOME/log/check.log" ]
+}
+
+@test "the agent passes the testers of the resource agents' project, and a monitor is few processes" {
+    "$script" meta-data >metadata
+    xmllint --noout --relaxng /usr/share/resource-agents/metadata.rng metadata
+    sed -i 's|<parameters>|<comment>c</comment>&|' "$QOR_HOME/etc/cluster.xml"
+    ra ocf-tester -n vip -o resource=fip1 -o "home=$QOR_HOME" "$script"
+    # shellcheck disable=SC2016 # the inner shell's own; each cat is a process, too
+    run -0 ra unshare --pid --fork --mount-proc sh -c '"$1" start
+        before=$(cat /proc/sys/kernel/ns_last_pid)
+        "$1" monitor && echo $(($(cat /proc/sys/kernel/ns_last_pid) - before - 1))' - "$script"
+    [ "$output" -le 4 ] || fail # a sanitizer has one of its own
+}
