@@ -13,10 +13,11 @@ sysctl() { ip netns exec "$here" bash -c "echo $2 | tee /proc/sys/net/ipv4/conf/
     # The undo of an activation.
     goes '198.51.100.7/24%bare <monmii>1</monmii><defmethod>3</defmethod>' 36 '|Failed to get NIC status.'
     runs bare
-    # An alias goes in the ordinary way when it takes nothing else with it.
+    # An alias, too, and for the removal's sake in its turn.
     layout older
     goes 198.51.100.7/24%veth:5 0 'veth:5|Success.' 'veth inet 198.51.100.7/24 brd 198.51.100.255 scope global veth:5'
-    traced 4 '"ifconfig" veth:5 down > /dev/null 2>&1 succeeded.'
+    traced 4 'Only 198.51.100.7 was removed from veth:5.'
+    [ "$(grep -cF 'crit_ifconfig() succeeded.' "$trace")" -eq 2 ]
     ip -n "$here" address add 203.0.113.1/24 dev bare label bare:3
     before=$(all)
     while read -r layout mode device address; do
