@@ -151,6 +151,7 @@ fault() {
     carries "$alias0"
     search "$PATH"
     deactivate 0
+    # shellcheck disable=SC2030 # each test is a process
     agent=(ip netns exec "$here" setpriv --bounding-set -net_raw --inh-caps -net_raw "$QOR_BIN/qorfip")
     activate 0
     filed 'g1|fip|fip1|veth:0|Internal error. (status=19)'
@@ -173,6 +174,7 @@ fault() {
 @test "a log that may not grow, and signals that the caller ignores: the run goes on, its commands as ever" {
     ping_tool <<<'grep SigIgn /proc/$$/status >>ignored; exit 1'
     cluster 'fip1 192.0.2.10/24 <ping><timeout>1</timeout></ping><check><ping><execute>1</execute></ping></check>'
+    # shellcheck disable=SC2031
     for blocks in 1 3 4 5; do
         status=0
         (trap '' HUP PIPE XFSZ; ulimit -f $blocks; "${agent[@]}" --active -r fip1 -g g1) || status=$?

@@ -1,8 +1,8 @@
 // The trace log, as its callers see it.
 
 #include "fip/log.h"
-#include "tracersc_more.h"
 #include "fip_fixture.h"
+#include "tracersc_more.h"
 
 using TraceTest = FipTest;
 
