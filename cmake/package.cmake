@@ -65,7 +65,7 @@ it is gone. The suite's resource manager runs it once for each change of state.
 .
 qorping asks whether an address answers, and qorstat shows what the agents have
 recorded. The suite home is /opt/qor.")
-set(qor_control_files conffiles preinst postrm)
+set(qor_control_files conffiles preinst prerm postrm)
 list(TRANSFORM qor_control_files PREPEND ${CMAKE_CURRENT_SOURCE_DIR}/package/)
 set(CPACK_DEBIAN_PACKAGE_PACKAGE_CONTROL_EXTRA ${qor_control_files})
 
