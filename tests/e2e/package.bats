@@ -83,7 +83,12 @@ completes() {
     run -0 installed /opt/qor/bin/qorstat --plain
     [ "$output" = $'group1\tfip\tfip1\tveth:0\tSuccess.' ] || fail
     [[ $(ip -n "$there" neighbour show 192.0.2.10) == *02:00:00:00:00:01* ]]
-    installed /opt/qor/bin/qorfip --deactive -r fip1 -g group1
+    # What the unit does when a run has failed, and when one was killed.
+    post=$(sed -z 's/\\\n//g; s/\$\$/$/g' "$root/lib/systemd/system/qorfip@.service" | sed -n "s/^ExecStopPost=.* -c '\(.*\)'/\1/p")
+    export QOR_RESOURCE=fip1 QOR_GROUP=group1
+    SERVICE_RESULT=exit-code installed sh -c "$post"
+    carries "$alias0"
+    SERVICE_RESULT=timeout installed sh -c "$post"
     carries ''
     installed "$root/DEBIAN/postrm" remove
     [ -s "$root/var/opt/qor/log/fip.log" ] && [ -s "$root/var/opt/qor/log/check.log" ]
