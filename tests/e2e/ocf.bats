@@ -23,16 +23,23 @@ follows() {
 }
 node() { ip -n "$here" address "$@"; }
 peer() { ip -n "$there" address "$@"; }
+duplicate() {
+    peer add "$1/64" dev veth
+    node add "$1/64" dev veth
+    eventually sh -c "ip -n $here address show dadfailed | grep -q $1"
+}
 
 @test "start, monitor and stop: as often as they come, and with another host, no link, no configuration" {
     follows <<-'EOT'
 	7|monitor||cluster 'fip1 192.0.2.10/24 <ping><timeout>1</timeout></ping>'
 	1|start|IP address was already used. Its owner is 02:00:00:00:00:02.|peer add 192.0.2.10/24 dev veth; carries ''
+	1|start|IP address was already used. Its owner is 02:00:00:00:00:02.|carries ''; node add 192.0.2.10/24 dev veth label veth:9
 	7|monitor||carries ''
 	0|start||peer delete 192.0.2.10/24 dev veth
-	0|start||carries "$alias0"
-	0|monitor||depth=10
+	0|start||carries "$alias0"; rm qor-fip/vip
+	0|monitor||[ "$(<qor-fip/vip)" = 192.0.2.10 ]; depth=10
 	1|monitor|the link of veth is down|ip -n $there link set veth down
+	1|start|the link of veth is down|cluster 'fip1 192.0.2.11/24'
 	0|monitor||depth=0; rm $QOR_HOME/etc/cluster.xml
 	0|stop||ip -n $there link set veth up
 	0|stop||carries ''
@@ -40,10 +47,13 @@ peer() { ip -n "$there" address "$@"; }
 	5|start|etc/cluster.xml cannot be loaded|
 	2|start|the bits in the address are wrong|cluster 'fip1 192.0.2.10/99'
 	2|start|Fip interface was not found.|cluster 'fip1 10.0.0.1/24'
-	0|stop||
+	1|start|Failed to get NIC status.|cluster 'fip1 192.0.2.10/24 <monmii>1</monmii><defmethod>9</defmethod>'
+	0|stop||[ -e qor-fip/vip ]
 	0|start||cluster 'fip1 192.0.2.10/24'
 	0|stop||cluster 'fip1 192.0.2.11/24'
-	6|start|the parameter resource is missing|carries ''; resource=
+	1|start|cannot write|carries ''; rm -r qor-fip; touch qor-fip
+	6|start|the parameter resource is missing|carries ''; rm qor-fip; resource=
+	6|start|a parameter has a control character|resource=$'fip1\nx'
 	0|stop||resource=$(printf %032d 0)
 	5|start|cannot be loaded|resource=fip1; chmod o+w $QOR_HOME/etc/cluster.xml
 	EOT
@@ -64,15 +74,36 @@ peer() { ip -n "$there" address "$@"; }
 	5|start|etc/cluster.xml cannot be loaded|
 	0|stop||
 	0|start||cluster 'fip1 192.0.2.10/24'
-	1|stop|was started, but neither the configuration nor a record|rm -r $QOR_HOME/etc/cluster.xml $QOR_HOME/run
-	0|stop||cluster 'fip1 192.0.2.10/24'
-	0|stop||carries ''; mv $QOR_HOME/bin gone
+	1|stop|was started, but neither the configuration nor a record|rm -r $QOR_HOME/etc/cluster.xml $QOR_HOME/run; : >qor-fip/vip
+	0|stop||echo 192.0.2.10 >qor-fip/vip
+	0|start||carries ''; cluster 'fip1 192.0.2.10/24'; mkdir -p -m 750 $QOR_HOME/run; rm -rf $QOR_HOME/run/fip; touch $QOR_HOME/run/fip
+	0|start||cluster 'fip1 192.0.2.11/24'
+	0|stop||carries "${alias0/.10/.11}"; cluster 'fip1 192.0.2.12/24'
+	0|start||carries ''; rm $QOR_HOME/run/fip; cluster 'fip1 192.0.2.20/24%bare'
+	0|stop||rm -r $QOR_HOME/run
+	0|stop||carries ''; [[ $(ip -n $here link show bare) == *,UP* ]]; mv $QOR_HOME/bin gone
 	5|monitor|there is no program|
 	0|start||mv gone $QOR_HOME/bin; rm $QOR_HOME/etc/cluster.xml; cluster 'fip1 2001:db8::10/64'
 	0|monitor||
 	0|stop||carries 'veth inet6 2001:db8::10/64 scope global'
-	1|monitor|duplicate address detection failed|peer add 2001:db8::10/64 dev veth; echo 1 | ip netns exec $here tee /proc/sys/net/ipv6/conf/veth/accept_dad >dad; node add 2001:db8::10/64 dev veth; eventually sh -c "ip -n $here address show dadfailed | grep -q 2001"
+	0|monitor||echo 1 | ip netns exec $here tee /proc/sys/net/ipv6/conf/veth/accept_dad >dad; duplicate 2001:db8::11; node add 2001:db8::10/64 dev veth nodad
+	1|monitor|duplicate address detection failed|node delete 2001:db8::10/64 dev veth; duplicate 2001:db8::10
 	EOT
+}
+
+@test "stops at the same time, or killed, leave the other addresses and the kernel's setting as they are" {
+    cluster 'fip1 10.0.0.1/24' 'fip2 10.0.0.2/24' 'fip3 10.0.0.3/24'
+    for host in 1 2 3 4; do node add "10.0.0.$host/24" dev veth label "veth:$host"; done
+    chmod g+w "$QOR_HOME/etc/policy/fip.xml" # which qorfip refuses
+    tool ip <<<"case \$* in *delete*) sleep 0.3 ;; esac; exec $(command -v ip) \"\$@\""
+    for resource in fip1 fip2; do
+        ra "PATH=$PWD/tools:$PATH" "$script" stop >"$resource" 2>&1 3>&- &
+        sleep 0.15
+    done
+    wait
+    carries "$(printf 'veth inet 10.0.0.%s veth:%s\n' '3/24 scope global' 3 '4/24 scope global secondary' 4)"
+    resource=fip3 run -124 ra "PATH=$PWD/tools:$PATH" timeout 0.2 "$script" stop
+    eventually sh -c "ip netns exec $here sysctl -n net.ipv4.conf.veth.promote_secondaries | grep -q 0"
 }
 
 @test "validate-all judges the running configuration by the limits of the policy" {
@@ -82,6 +113,7 @@ peer() { ip -n "$there" address "$@"; }
 	0|validate-all||sed -i 's|999|1000|' $QOR_HOME/etc/policy/fip.xml
 	2|validate-all|[099] Internal error occurred. xmllib_get_value(/root/resource/fip@fip1/parameters/ping/timeout|sed -i 's|1000<|soon<|' $QOR_HOME/etc/cluster.xml
 	5|validate-all|cannot be loaded|chmod g+w $QOR_HOME/etc/cluster.xml
+	5|validate-all|cannot be loaded|rm $QOR_HOME/etc/cluster.xml; mkfifo $QOR_HOME/etc/cluster.xml
 	EOT
     [ ! -e "$QOR_HOME/log/check.log" ]
 }
