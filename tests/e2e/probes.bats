@@ -1,5 +1,4 @@
 # The probes around an activation: duplicate address, link, and the source address of the routes.
-# shellcheck source-path=SCRIPTDIR source=fip_helper.bash
 source "$BATS_TEST_DIRNAME/fip_helper.bash"
 
 in_use='address 192.0.2.10 is in use by another host'

@@ -1,4 +1,3 @@
-#!/usr/bin/env bats
 # qorstat as its operator sees it, on a suite home of each test's own.
 
 bats_require_minimum_version 1.5.0
