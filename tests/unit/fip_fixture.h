@@ -12,7 +12,6 @@
 
 #include <arpa/inet.h>
 #include <iomanip>
-#include <regex>
 #include <sstream>
 
 inline const char *host_name = "node1.example.com"; // null: gethostname fails
@@ -61,9 +60,7 @@ inline std::vector<std::vector<std::string>> table(std::string text, const names
     return rows;
 }
 
-class FipTest : public HomeTest
-{
-protected:
+struct FipTest : HomeTest {
     FIP_INFO info = {}; // a worker may take a minute: 6000 polls of 10 ms
 
     void SetUp() override

@@ -1,11 +1,18 @@
-// A suite home of its own for every test, owned by root like the real one.
+// A suite home of its own for every test, owned by root like the real one; and what tests use of the system.
 #ifndef HOME_FIXTURE_H
 #define HOME_FIXTURE_H
 
+#include <csignal>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <regex>
+#include <set>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 

@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 #include <net/if_arp.h>
 
-namespace
-{
 using bytes = std::vector<std::uint8_t>;
 
 const network_link ethernet = {3, "eth0", ARPHRD_ETHER, {{2, 0, 0, 0, 0, 1}, 6}, {{}, 6}};
@@ -29,14 +27,12 @@ const bytes target6_bytes(target6.s6_addr, target6.s6_addr + 16);
 
 TEST(LinkQuestion, HasTheLayoutOfTheLink)
 {
-    EXPECT_EQ(arp_probe(ethernet, target), bytes({0, 1, 8, 0, 6, 4, 0, 1}) +
-                                               bytes({2, 0, 0, 0, 0, 1, 0, 0, 0, 0}) +
-                                               bytes({0, 0, 0, 0, 0, 0, 192, 0, 2, 9}));
-    EXPECT_EQ(neighbour_solicitation(ethernet, target6),
-              bytes({135, 0, 0, 0, 0, 0, 0, 0}) + target6_bytes + bytes({1, 1, 2, 0, 0, 0, 0, 1}));
+    const bytes sender = {2, 0, 0, 0, 0, 1, 0, 0, 0, 0}, asked = {0, 0, 0, 0, 0, 0, 192, 0, 2, 9};
+    EXPECT_EQ(arp_probe(ethernet, target), bytes({0, 1, 8, 0, 6, 4, 0, 1}) + sender + asked);
+    const bytes head = bytes({135, 0, 0, 0, 0, 0, 0, 0}) + target6_bytes, mac = {1, 1, 2, 0, 0, 0, 0, 1};
+    EXPECT_EQ(neighbour_solicitation(ethernet, target6), head + mac);
     const bytes option = {1, 3, 0, 0, 0x80, 0, 0, 0x48, 0xfe, 0x80}; // padded by two bytes in front
-    EXPECT_EQ(neighbour_solicitation(infiniband, target6),
-              bytes({135, 0, 0, 0, 0, 0, 0, 0}) + target6_bytes + option + bytes(14));
+    EXPECT_EQ(neighbour_solicitation(infiniband, target6), head + option + bytes(14));
 }
 
 TEST(IsArpAnswer, AcceptsOnlyAReplyToOurProbe)
@@ -53,8 +49,8 @@ TEST(IsArpAnswer, AcceptsOnlyAReplyToOurProbe)
         };
         EXPECT_TRUE(accepted(reply + bytes(18))) << "padding";
         EXPECT_TRUE(owner.bytes[0] == 0xee && owner.length == hardware);
-        for (std::size_t length = 0; length < reply.size(); ++length) {
-            EXPECT_FALSE(accepted(bytes(reply.begin(), reply.begin() + static_cast<long>(length)))) << length;
+        for (auto end = reply.begin(); end != reply.end(); ++end) {
+            EXPECT_FALSE(accepted(bytes(reply.begin(), end))) << end - reply.begin();
         }
         // Types and lengths, operation; another owner, for another host, and what a proxy answers the kernel.
         for (const std::size_t at :
@@ -71,13 +67,8 @@ TEST(IsNeighbourAnswer, AcceptsAdvertisementsAndTheSearchForDuplicatesOnly)
     const char *const us = "fe80::1", *const owner = "fe80::2", *const group = "ff02::1:ff12:3456";
     const bytes advert = {136, 0, 0, 0, 0x60}, unsolicited = {136, 0, 0, 0, 0x20}, search = {135, 0, 0, 0, 0};
     const bytes target_option = {2, 1, 2, 0, 0, 0, 0, 9}, source_option = {1, 1, 2, 0, 0, 0, 0, 9};
-    const struct {
-        const char *what;
-        bool accepted;
-        const char *from, *to;
-        int hop_limit;
-        bytes head, options; // before and behind the target
-    } cases[] = {
+    // WHAT, WHETHER ACCEPTED, FROM, TO, HOP LIMIT, HEAD before and OPTIONS behind the target
+    const std::tuple<const char *, bool, const char *, const char *, int, bytes, bytes> cases[] = {
         {"advertisement", true, owner, us, 255, advert, target_option},
         {"without options", true, owner, us, 255, advert, {}},
         {"unsolicited, to all", true, owner, "ff02::1", 255, unsolicited, target_option},
@@ -95,17 +86,15 @@ TEST(IsNeighbourAnswer, AcceptsAdvertisementsAndTheSearchForDuplicatesOnly)
         {"the same from a router beyond", false, "::", group, 64, search, {}},
         {"somebody looks for the owner", false, "fe80::3", group, 255, search, {}},
     };
-    for (const auto &c : cases) {
-        const bytes packet = c.head + bytes(8 - c.head.size()) + target6_bytes + c.options;
-        const auto accepted = [&](const in6_addr &probed, std::size_t length) {
-            const bytes cut(packet.begin(), packet.begin() + static_cast<long>(length)); // no slack behind it
-            return is_neighbour_answer(probed, {v6(c.from), v6(c.to), c.hop_limit, cut.data(), cut.size()});
+    for (const auto &[what, is_one, from, to, hop_limit, head, options] : cases) {
+        const bytes packet = head + bytes(8 - head.size()) + target6_bytes + options;
+        const auto accepted = [&](const in6_addr &probed, bytes cut) { // no slack behind it
+            return is_neighbour_answer(probed, {v6(from), v6(to), hop_limit, cut.data(), cut.size()});
         };
-        EXPECT_EQ(accepted(target6, packet.size()), c.accepted) << c.what;
-        EXPECT_FALSE(accepted(v6("2001:db8::13:3456"), packet.size())) << c.what << " for another address";
-        for (std::size_t length = 0; length < 24; ++length) {
-            EXPECT_FALSE(accepted(target6, length)) << c.what << " cut to " << length;
+        EXPECT_EQ(accepted(target6, packet), is_one) << what;
+        EXPECT_FALSE(accepted(v6("2001:db8::13:3456"), packet)) << what << " for another address";
+        for (auto end = packet.begin(); end != packet.begin() + 24; ++end) {
+            EXPECT_FALSE(accepted(target6, bytes(packet.begin(), end))) << what << " cut";
         }
     }
 }
-} // namespace

@@ -4,13 +4,9 @@
 #include "fip_fixture.h"
 #include "hurry.h"
 
-#include <set>
-
 using lines = std::multiset<std::string>; // workers run at the same time: their order is nobody's business
 
-class PingTest : public FipTest
-{
-protected:
+struct PingTest : FipTest {
     lines called; // what the tool was called with
     std::string events;
 
