@@ -24,11 +24,8 @@ inline std::string read_file(const fs::path &file)
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
-class HomeTest : public testing::Test
-{
+struct HomeTest : testing::Test {
     char dir[20] = "/tmp/qortest.XXXXXX";
-
-protected:
     const fs::path home = mkdtemp(dir);
 
     HomeTest()

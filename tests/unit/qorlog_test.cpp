@@ -119,8 +119,6 @@ TEST_F(QorLog, SendsEventsToSyslogToo_NeverWaitingForIt)
     // EID, FORMAT, ARGUMENT, and the text that comes of them
     const std::tuple<int, const char *, const char *, std::string> events[] = {
         {10, nullptr, "192.0.2.1", "address 192.0.2.1 is in use by another host"},
-        {11, nullptr, "::1",
-         "address ::1 was activated by force although the duplicate-address check failed"},
         {99, nullptr, "x", "event 99"},
         {10, "own %s", "text\n", "own text\\n"},
     };
@@ -143,7 +141,7 @@ TEST_F(QorLog, SendsEventsToSyslogToo_NeverWaitingForIt)
     for (int i = 0; i < 1000; ++i) { // a daemon that reads no more, its queue full
         ASSERT_EQ(log_write(handle, 0x8000, 10, "f", 1, "f", no_format, "192.0.2.1"), 0);
     }
-    EXPECT_EQ(texts(log).size(), 1004U);
+    EXPECT_EQ(texts(log).size(), 1003U);
     close(sock);
 }
 

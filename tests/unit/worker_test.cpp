@@ -49,6 +49,7 @@ struct WorkerTest : FipTest {
         const auto free_job = [this](const job *gone) {
             delete gone;
             freed = true;
+            freed.notify_one();
         };
         freed = false;
         int joined = -1;
@@ -94,20 +95,17 @@ TEST_F(WorkerTest, KeepsBlock_ForWorkerThatCannotBeCancelled_ButNotItsCommand)
     std::atomic<int> ended = 0;
     const job work = [&] {
         ended = command_run("sleep 999", COMMAND_NO_LIMIT);
+        ended.notify_one();
         go.wait(false);
     };
     EXPECT_EQ(run({300'000, 2}, work), WORKER_LATE);
     EXPECT_TRUE(worker_left_behind());
-    while (ended == 0) { // for ever, if the command survives
-        usleep(1000);
-    }
+    ended.wait(0); // for ever, if the command survives
     EXPECT_EQ(ended, SIGKILL);
     EXPECT_FALSE(freed);
     go = true;
     go.notify_one();
-    while (!freed) { // for ever, if the worker's end does not free the block
-        usleep(1000);
-    }
+    freed.wait(false); // for ever, if the worker's end does not free the block
 }
 
 TEST_F(WorkerTest, EndsCommandAtItsLimit_WithAllItStarted)
@@ -154,8 +152,8 @@ TEST_F(WorkerTest, QuotesForShell)
     for (const std::string text :
          {"/opt/qor", "fe80::1%eth0:1/64", "", "'", "~", "\\\\$x\\", every.c_str()}) {
         const std::string word = shell_word(text.c_str()), quoted = shell_in_quotes(text.c_str());
-        std::string line = "printf '%s ' ";
-        line.append(word).append(" \"").append(quoted).append("\" > ").append((home / "printed").string());
+        const std::string line =
+            join("printf '%s '", word, '"' + quoted + '"', ">", (home / "printed").string());
         EXPECT_EQ(command_run(line.c_str(), COMMAND_NO_LIMIT), 0);
         EXPECT_EQ(read_file(home / "printed"), join(text, text, "")) << line;
     }
