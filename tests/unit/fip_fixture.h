@@ -11,8 +11,6 @@
 #include "qorxml.h"
 
 #include <arpa/inet.h>
-#include <iomanip>
-#include <sstream>
 
 inline const char *host_name = "node1.example.com"; // null: gethostname fails
 
@@ -28,15 +26,6 @@ std::string join(const First &first, const Parts &...parts)
     std::ostringstream out;
     out << first;
     ((out << " " << parts), ...);
-    return out.str();
-}
-
-inline std::string hex(const void *bytes, std::size_t size)
-{
-    std::ostringstream out;
-    for (const auto *at = static_cast<const unsigned char *>(bytes); size > 0; --size) {
-        out << std::hex << std::setw(2) << std::setfill('0') << int{*at++};
-    }
     return out.str();
 }
 

@@ -8,8 +8,10 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iomanip>
 #include <regex>
 #include <set>
+#include <sstream>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -22,6 +24,15 @@ inline std::string read_file(const fs::path &file)
 {
     std::ifstream in(file);
     return {std::istreambuf_iterator<char>(in), {}};
+}
+
+inline std::string hex(const void *bytes, std::size_t size)
+{
+    std::ostringstream out;
+    for (const auto *at = static_cast<const unsigned char *>(bytes); size > 0; --size) {
+        out << std::hex << std::setw(2) << std::setfill('0') << int{*at++};
+    }
+    return out.str();
 }
 
 struct HomeTest : testing::Test {

@@ -23,8 +23,7 @@ std::string shell(const std::string &command)
 }
 
 extern "C" {
-ssize_t __real_sendto(int fd, const void *data, std::size_t size, int flags, const sockaddr *to,
-                      socklen_t length);
+decltype(sendto) __real_sendto;
 
 ssize_t __wrap_sendto(int fd, const void *data, std::size_t size, int flags, const sockaddr *to,
                       socklen_t length)

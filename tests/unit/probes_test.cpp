@@ -75,6 +75,7 @@ exit 2 | 0 1 4 0 | 1 forced | 0 [ping to 10.0.0.1 failed (after system()).]
 test $(wc -l < $HERE/called) -eq 1 | 0 0 4 5 | 2 | 0<exists>
 kill -9 0 | 0 0 4 0 | 1 | 11 [ping to 10.0.0.1 failed (before system()).] Internal error. (status=11)
 none | 1 1 4 0 | 0 | 13 [~/none: Command not found.] Internal error. (status=13)
+none | 0 1 4 0 | 0 forced | 0 [~/none: Command not found.]
 )";
 
 TEST_F(PingTest, JudgesTool)

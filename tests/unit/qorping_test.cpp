@@ -71,16 +71,6 @@ bool accepted(const bytes &packet, const host_address &probed, const host_addres
     return is_our_reply(expected, packet.data(), packet.size(), from);
 }
 
-TEST(EchoRequest, HasTheLayoutOfTheFamily)
-{
-    const bytes example = {0x00, 0x01, 0xf2, 0x03, 0xf4, 0xf5, 0xf6, 0xf7}; // RFC 1071, 3
-    EXPECT_EQ(internet_checksum(example.data(), 8), 0x220d);
-    const echo_packet v4 = echo_request(AF_INET, 0x1234, 0xfffe, COOKIE);
-    EXPECT_EQ(bytes(v4.begin(), v4.begin() + 9), bytes({8, 0, v4[2], v4[3], 0x12, 0x34, 0xff, 0xfe, 1}));
-    EXPECT_EQ(internet_checksum(v4.data(), v4.size()), 0);
-    EXPECT_EQ(echo_request(AF_INET6, 1, 1, COOKIE)[0], 128);
-}
-
 using change = std::pair<std::uint8_t, std::uint8_t>; // a byte's place, and its new value
 
 TEST(IsOurReply, AcceptsOnlyTheAnswerToOurOwnRequests)
