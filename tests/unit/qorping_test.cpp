@@ -71,6 +71,12 @@ bool accepted(const bytes &packet, const host_address &probed, const host_addres
     return is_our_reply(expected, packet.data(), packet.size(), from);
 }
 
+TEST(InternetChecksum, AddsWhatOverflows)
+{
+    const bytes example = {0x00, 0x01, 0xf2, 0x03, 0xf4, 0xf5, 0xf6, 0xf7}; // RFC 1071, 3
+    EXPECT_EQ(internet_checksum(example.data(), 8), 0x220d);
+}
+
 using change = std::pair<std::uint8_t, std::uint8_t>; // a byte's place, and its new value
 
 TEST(IsOurReply, AcceptsOnlyTheAnswerToOurOwnRequests)
