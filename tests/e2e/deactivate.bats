@@ -1,5 +1,4 @@
 # What a deactivation takes off the node, and how it makes sure of that.
-# shellcheck source-path=SCRIPTDIR source=fip_helper.bash
 source "$BATS_TEST_DIRNAME/fip_helper.bash"
 
 # check WHAT RETRY ERROR: an after-check

@@ -1,5 +1,4 @@
 # What is broken around the agent: files, directories, tools, descriptors. Nothing may stay behind.
-# shellcheck source-path=SCRIPTDIR source=fip_helper.bash
 source "$BATS_TEST_DIRNAME/fip_helper.bash"
 
 @test "a configuration that cannot be used" {
@@ -47,8 +46,6 @@ source "$BATS_TEST_DIRNAME/fip_helper.bash"
 	0  rm run/node.shm; mkdir run/node.shm
 	0  rm -f run/ifconfig.lock; mkdir run/ifconfig.lock
 	99 rm -r run; touch run
-	99 chmod g+w run/resource.shm
-	99 rm run/resource.shm; mkfifo run/resource.shm
 	99 rm run/resource.shm; ln -s $PWD/victim run/resource.shm
 	99 printf '\0\4' | dd of=run/resource.shm bs=1 seek=16 conv=notrunc status=none # the table's count: full
 	EOT
@@ -160,7 +157,6 @@ fault() {
 
 @test "a worker that cannot be cancelled is left behind, without its command and without exit handlers" {
     layout older
-    cluster 'fip1 192.0.2.10/24 <ifconfig><timeout>1</timeout></ifconfig>'
     own_ifconfig <<<"$nap & $nap"
     cluster 'fip1 192.0.2.10/24 <ifconfig><timeout>1</timeout></ifconfig>'
     fault cancel

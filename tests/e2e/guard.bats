@@ -1,5 +1,4 @@
 # What a guarded removal leaves of the interface: its state, its other addresses, its routes.
-# shellcheck source-path=SCRIPTDIR source=fip_helper.bash
 source "$BATS_TEST_DIRNAME/fip_helper.bash"
 
 all() { addresses && ip -n "$here" -4 route show table all | sed 's/ *$//'; }

@@ -1,5 +1,4 @@
 # IPv6 addresses: what becomes of the kernel's duplicate address detection (DAD), and the announcement.
-# shellcheck source-path=SCRIPTDIR source=fip_helper.bash
 source "$BATS_TEST_DIRNAME/fip_helper.bash"
 
 # setting PATH VALUE: a setting of the node's IPv6

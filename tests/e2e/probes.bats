@@ -1,5 +1,4 @@
 # The probes around an activation: duplicate address, link, and the source address of the routes.
-# shellcheck source-path=SCRIPTDIR source=fip_helper.bash
 source "$BATS_TEST_DIRNAME/fip_helper.bash"
 
 in_use='address 192.0.2.10 is in use by another host'
@@ -25,14 +24,6 @@ force='<ping><timeout>1</timeout><force>1</force></ping>'
     deactivate 0
     ip -n "$there" address delete 192.0.2.10/24 dev veth
     goes "192.0.2.10/24 $ping" 0 'veth:0|Success.' "$alias0"
-
-    # Without a tool nothing is known.
-    rm "$QOR_HOME/bin/qorping"
-    goes "192.0.2.10/24 $ping" 13 '|Internal error. (status=13)'
-    traced 4 'ping(192.0.2.10) retry start, count=1.'
-    cluster "fip1 192.0.2.10/24 $force"
-    activate 0
-    traced 32768 "$forced"
 }
 
 @test "neither ping check is made while the node's npsimu flag is set, unless it is wanted then" {

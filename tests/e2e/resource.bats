@@ -1,5 +1,4 @@
 # What qorstat tells of one resource, for a script to act on.
-# shellcheck source-path=SCRIPTDIR source=fip_helper.bash
 source "$BATS_TEST_DIRNAME/fip_helper.bash"
 
 node() { ip -n "$here" address "$@"; }

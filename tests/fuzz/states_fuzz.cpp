@@ -5,11 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <sys/stat.h>
-#include <unistd.h>
-
-namespace
-{
+#include <filesystem>
 
 /// Bytes before the count of entries, and of the longest input that is written over a table.
 enum { HEAD_SIZE = 16, INPUT_SIZE = 4096 };
@@ -19,7 +15,6 @@ struct home {
     home()
     {
         require(mkdtemp(path) != nullptr && setenv("QOR_HOME", path, 1) == 0);
-        require(mkdir((std::string(path) + "/run").c_str(), 0700) == 0);
         file = std::string(path) + "/run/resource.shm";
         require(shmrm_attach() == 0 && shmrm_setdescript("g", "fip", "r", "message", 128) == 0);
         shmrm_detach();
@@ -27,21 +22,12 @@ struct home {
         require(table != nullptr && fread(good.data(), 1, good.size(), table) == good.size());
         fclose(table);
     }
-    ~home()
-    {
-        unlink(file.c_str());
-        rmdir((std::string(path) + "/run").c_str());
-        rmdir(path);
-    }
-    home(const home &) = delete;
-    home &operator=(const home &) = delete;
+    ~home() { std::filesystem::remove_all(path); }
 
     char path[32] = "/dev/shm/qorfuzz.XXXXXX";
     std::string file;
     std::string good = std::string(INPUT_SIZE + HEAD_SIZE, '\0'); ///< the beginning of a table with one entry
 };
-
-} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {

@@ -11,11 +11,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     const std::string_view input(reinterpret_cast<const char *>(data), size);
     const std::size_t newline = std::min(input.find('\n'), input.size());
     xml_tree tree;
-    if (xmltree_parse(input.substr(std::min(newline + 1, input.size())), &tree) != QOR_XMLERR_SUCCESS) {
-        return 0;
-    }
     xml_path path;
-    if (xmlpath_split(input.substr(0, newline), &path) != QOR_XMLERR_SUCCESS) {
+    if (xmltree_parse(input.substr(std::min(newline + 1, input.size())), &tree) != QOR_XMLERR_SUCCESS ||
+        xmlpath_split(input.substr(0, newline), &path) != QOR_XMLERR_SUCCESS) {
         return 0;
     }
     const std::string_view text = xmltree_text(tree, xmlpath_find(&tree, path));

@@ -57,9 +57,7 @@ TEST_F(AddressTest, IsTakenApart)
     }
 }
 
-class TargetTest : public FipTest
-{
-protected:
+struct TargetTest : FipTest {
     // Both forms of "ADDRESS[/BITS]"; sets ipv6flag.
     static vdevinfo parse(const std::string &text)
     {

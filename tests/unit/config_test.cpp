@@ -4,9 +4,7 @@
 
 #include <climits>
 
-class ConfigTest : public FipTest
-{
-protected:
+struct ConfigTest : FipTest {
     std::string read(const std::string &parameters, int act = 0, const std::string &spoiled = "")
     {
         info = {};

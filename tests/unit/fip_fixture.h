@@ -11,9 +11,6 @@
 #include "qorxml.h"
 
 #include <arpa/inet.h>
-#include <iomanip>
-#include <regex>
-#include <sstream>
 
 inline const char *host_name = "node1.example.com"; // null: gethostname fails
 
@@ -29,15 +26,6 @@ std::string join(const First &first, const Parts &...parts)
     std::ostringstream out;
     out << first;
     ((out << " " << parts), ...);
-    return out.str();
-}
-
-inline std::string hex(const void *bytes, std::size_t size)
-{
-    std::ostringstream out;
-    for (const auto *at = static_cast<const unsigned char *>(bytes); size > 0; --size) {
-        out << std::hex << std::setw(2) << std::setfill('0') << int{*at++};
-    }
     return out.str();
 }
 
@@ -61,9 +49,7 @@ inline std::vector<std::vector<std::string>> table(std::string text, const names
     return rows;
 }
 
-class FipTest : public HomeTest
-{
-protected:
+struct FipTest : HomeTest {
     FIP_INFO info = {}; // a worker may take a minute: 6000 polls of 10 ms
 
     void SetUp() override

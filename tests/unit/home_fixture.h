@@ -1,11 +1,20 @@
-// A suite home of its own for every test, owned by root like the real one.
+// A suite home of its own for every test, owned by root like the real one; and what tests use of the system.
 #ifndef HOME_FIXTURE_H
 #define HOME_FIXTURE_H
 
+#include <csignal>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <iomanip>
+#include <regex>
+#include <set>
+#include <sstream>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -17,11 +26,17 @@ inline std::string read_file(const fs::path &file)
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
-class HomeTest : public testing::Test
+inline std::string hex(const void *bytes, std::size_t size)
 {
-    char dir[20] = "/tmp/qortest.XXXXXX";
+    std::ostringstream out;
+    for (const auto *at = static_cast<const unsigned char *>(bytes); size > 0; --size) {
+        out << std::hex << std::setw(2) << std::setfill('0') << int{*at++};
+    }
+    return out.str();
+}
 
-protected:
+struct HomeTest : testing::Test {
+    char dir[20] = "/tmp/qortest.XXXXXX";
     const fs::path home = mkdtemp(dir);
 
     HomeTest()

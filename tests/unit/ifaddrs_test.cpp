@@ -4,10 +4,8 @@
 #include "fip_fixture.h"
 
 #include <ifaddrs.h>
+#include <numeric>
 #include <sys/syscall.h>
-
-namespace
-{
 
 // The kernel's list: an IPv6 address, and a hardware address A1 A2 A3 ... with a broadcast address of ones.
 alignas(sockaddr_ll) unsigned char inet6[64] = {AF_INET6}, addr[64] = {}, broadcast[64] = {};
@@ -15,8 +13,6 @@ ifaddrs link_entry = {}, list = {};
 int sends;  // that the kernel takes until one falls short by a byte
 bool rings; // whether it gives an io_uring
 std::string sent;
-
-} // namespace
 
 extern "C" {
 int __real_socket(int family, int type, int protocol);
@@ -56,13 +52,10 @@ using IfaddrsTest = FipTest;
 
 static long open_sockets()
 {
-    const auto is_socket = [](const auto &fd) {
-        return fs::read_symlink(fd).string().starts_with("socket:");
-    };
     std::error_code gone;
     long sockets = 0;
     for (const auto &fd : fs::directory_iterator("/proc/self/fd")) {
-        sockets += fs::exists(fs::symlink_status(fd, gone)) && is_socket(fd) ? 1 : 0;
+        sockets += fs::read_symlink(fd, gone).string().starts_with("socket:") ? 1 : 0;
     }
     return sockets;
 }
@@ -97,10 +90,8 @@ TEST_F(IfaddrsTest, AnnouncesAndLists)
         const sockaddr_ll sll = {AF_PACKET, 0, 7, type, 0, row.length, {}};
         memcpy(addr, &sll, sizeof(sll));
         memcpy(broadcast, &sll, sizeof(sll));
-        for (unsigned i = 0; i < row.length; ++i) {
-            addr[offsetof(sockaddr_ll, sll_addr) + i] = static_cast<unsigned char>(0xa1 + i);
-            broadcast[offsetof(sockaddr_ll, sll_addr) + i] = 0xff;
-        }
+        std::iota(addr + offsetof(sockaddr_ll, sll_addr), addr + sizeof(sll) + 12, 0xa1);
+        memset(broadcast + offsetof(sockaddr_ll, sll_addr), 0xff, row.length);
         inet6[offsetof(sockaddr_ll, sll_halen)] = 6;
         auto *to = reinterpret_cast<sockaddr *>(row.broadcast ? broadcast : nullptr);
         link_entry = {nullptr, row.ifname, 0, reinterpret_cast<sockaddr *>(addr), nullptr, {to}, nullptr};

@@ -3,9 +3,7 @@
 #include "fip/inventory.h"
 #include "fip_fixture.h"
 
-class InventoryTest : public FipTest
-{
-protected:
+struct InventoryTest : FipTest {
     // Takes an inventory with a command of this body: the outcome, and behind it "; NAME ADDRESS MASK BITS
     // TEXT BYTES" for each row, the bytes without the zeros at their end.
     std::string take(const std::string &body, bool v6 = false)

@@ -8,17 +8,12 @@
 #include <linux/sockios.h>
 #include <net/if.h>
 
-namespace
-{
-
 // What the driver answers: errors of three requests, registers, and the read that fails, counted from 1.
 struct {
     int ethtool, link, phy, private_phy, bad_read, control, first, second;
 } nic;
 // "E" ethtool, "P" and "p" PHY id by the newer and the older request, "0" to "7" a register.
 std::string asked;
-
-} // namespace
 
 extern "C" int __wrap_ioctl(int fd, unsigned long code, ifreq *ifr)
 {

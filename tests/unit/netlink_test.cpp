@@ -9,9 +9,6 @@
 #include <numeric>
 #include <sched.h>
 
-namespace
-{
-
 // What happens right before a request of the type is sent; with the command - the request fails.
 struct {
     int type;
@@ -25,11 +22,8 @@ std::string shell(const std::string &command)
     return {output, fread(output, 1, sizeof(output), pipe.get())};
 }
 
-} // namespace
-
 extern "C" {
-ssize_t __real_sendto(int fd, const void *data, std::size_t size, int flags, const sockaddr *to,
-                      socklen_t length);
+decltype(sendto) __real_sendto;
 
 ssize_t __wrap_sendto(int fd, const void *data, std::size_t size, int flags, const sockaddr *to,
                       socklen_t length)
@@ -48,22 +42,18 @@ using NetlinkTest = FipTest;
 
 TEST_F(NetlinkTest, AdvertisesHardwareAddress_HoweverLong)
 {
-    const struct {
-        std::size_t maclen;
-        int type;
-        bool forwards;
-        std::string flags, option;
-    } cases[] = {
+    // BYTES OF THE ADDRESS, LINK TYPE, WHETHER IT FORWARDS | FLAGS, OPTION
+    const std::tuple<std::size_t, int, bool, std::string, std::string> cases[] = {
         {6, ARPHRD_ETHER, true, "a0", "0201a1a2a3a4a5a6"},
         {8, ARPHRD_IEEE1394, false, "20", "0202a1a2a3a4a5a6a7a8000000000000"},
         {20, ARPHRD_INFINIBAND, false, "20", "02030000a1a2a3a4a5a6a7a8a9aaabacadaeafb0b1b2b3b4"},
     };
-    for (const auto &row : cases) {
-        nl_link link = {1, row.type, true, row.forwards, row.maclen, {}};
-        std::iota(link.mac, link.mac + row.maclen, 0xa1);
+    for (const auto &[maclen, type, forwards, flags, option] : cases) {
+        nl_link link = {1, type, true, forwards, maclen, {}};
+        std::iota(link.mac, link.mac + maclen, 0xa1);
         unsigned char pkt[NA_PACKET_SIZE] = {};
         const std::size_t size = make_na(pkt, in6_addr{{{0xfd, 1}}}, link);
-        EXPECT_EQ(hex(pkt, size), "88000000" + row.flags + "000000fd01" + std::string(28, '0') + row.option);
+        EXPECT_EQ(hex(pkt, size), "88000000" + flags + "000000fd01" + std::string(28, '0') + option);
     }
 }
 

@@ -6,14 +6,8 @@
 #include "fip_fixture.h"
 #include "worker.h"
 
-#include <csignal>
-#include <fcntl.h>
-#include <functional>
 #include <numeric>
 #include <sys/resource.h>
-
-namespace
-{
 
 int cancel_error = 0, start_error = 0;
 std::atomic<int> endflag;
@@ -29,8 +23,6 @@ void *entry(void *arg)
 
 // A sleep that really lasts this long runs into the time-out of the whole test.
 constexpr std::int64_t hours_us = 10'000'000'000;
-
-} // namespace
 
 extern "C" {
 int __real_pthread_cancel(pthread_t thread);
@@ -48,9 +40,7 @@ int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attr, void *(
 }
 }
 
-class WorkerTest : public FipTest
-{
-protected:
+struct WorkerTest : FipTest {
     std::atomic<bool> freed = false;
 
     worker_result run(const worker_limits &limits, const job &work)
@@ -59,17 +49,18 @@ protected:
         const auto free_job = [this](const job *gone) {
             delete gone;
             freed = true;
+            freed.notify_one();
         };
         freed = false;
         int joined = -1;
-        const worker_result result = worker_run(
-            texts, limits, entry, std::shared_ptr<job>(new job(work), free_job), &endflag, &joined);
+        const std::shared_ptr<job> block(new job(work), free_job);
+        const worker_result result = worker_run(texts, limits, entry, block, &endflag, &joined);
         EXPECT_EQ(joined, result == WORKER_IN_TIME || result == WORKER_NO_MEMORY ? 0 : -1);
         return result;
     }
 };
 
-TEST_F(WorkerTest, IsInTime_UnlessItEndsDuringLastSleep)
+TEST_F(WorkerTest, IsInTime_UnlessItEndsDuringLastSleep_OrRunsOutOfMemory)
 {
     EXPECT_EQ(run({hours_us, 2}, [] { usleep(1000); }), WORKER_IN_TIME);
     EXPECT_EQ(run({hours_us, 1}, [] { usleep(100'000); }), WORKER_LATE);
@@ -78,6 +69,8 @@ TEST_F(WorkerTest, IsInTime_UnlessItEndsDuringLastSleep)
     EXPECT_TRUE(freed);
     EXPECT_FALSE(worker_left_behind());
     EXPECT_EQ(outcome(0), "0 [job is late]");
+    EXPECT_EQ(run({hours_us, 2}, [] { throw std::bad_alloc(); }), WORKER_NO_MEMORY);
+    EXPECT_TRUE(freed);
 }
 
 TEST_F(WorkerTest, TellsWhenItCannotStart)
@@ -95,34 +88,24 @@ TEST_F(WorkerTest, TellsWhenItCannotStart)
     EXPECT_TRUE(freed);
 }
 
-TEST_F(WorkerTest, TellsThatItRanOutOfMemory)
-{
-    EXPECT_EQ(run({hours_us, 2}, [] { throw std::bad_alloc(); }), WORKER_NO_MEMORY);
-    EXPECT_TRUE(freed);
-}
-
 TEST_F(WorkerTest, KeepsBlock_ForWorkerThatCannotBeCancelled_ButNotItsCommand)
 {
     cancel_error = ESRCH;
     std::atomic<bool> go = false;
     std::atomic<int> ended = 0;
-    EXPECT_EQ(run({300'000, 2},
-                  [&] {
-                      ended = command_run("sleep 999", COMMAND_NO_LIMIT);
-                      go.wait(false);
-                  }),
-              WORKER_LATE);
+    const job work = [&] {
+        ended = command_run("sleep 999", COMMAND_NO_LIMIT);
+        ended.notify_one();
+        go.wait(false);
+    };
+    EXPECT_EQ(run({300'000, 2}, work), WORKER_LATE);
     EXPECT_TRUE(worker_left_behind());
-    while (ended == 0) { // for ever, if the command survives
-        usleep(1000);
-    }
+    ended.wait(0); // for ever, if the command survives
     EXPECT_EQ(ended, SIGKILL);
     EXPECT_FALSE(freed);
     go = true;
     go.notify_one();
-    while (!freed) { // for ever, if the worker's end does not free the block
-        usleep(1000);
-    }
+    freed.wait(false); // for ever, if the worker's end does not free the block
 }
 
 TEST_F(WorkerTest, EndsCommandAtItsLimit_WithAllItStarted)
@@ -169,8 +152,8 @@ TEST_F(WorkerTest, QuotesForShell)
     for (const std::string text :
          {"/opt/qor", "fe80::1%eth0:1/64", "", "'", "~", "\\\\$x\\", every.c_str()}) {
         const std::string word = shell_word(text.c_str()), quoted = shell_in_quotes(text.c_str());
-        std::string line = "printf '%s ' ";
-        line.append(word).append(" \"").append(quoted).append("\" > ").append((home / "printed").string());
+        const std::string line =
+            join("printf '%s '", word, '"' + quoted + '"', ">", (home / "printed").string());
         EXPECT_EQ(command_run(line.c_str(), COMMAND_NO_LIMIT), 0);
         EXPECT_EQ(read_file(home / "printed"), join(text, text, "")) << line;
     }
