@@ -77,13 +77,20 @@ int receive(nl_socket *nl, int flags, std::size_t *size)
     return 0;
 }
 
+/// NLMSG_OK, whose comparison of signs not every compiler takes.
+bool is_whole(const nlmsghdr *message, int left)
+{
+    return left >= static_cast<int>(sizeof(nlmsghdr)) && message->nlmsg_len >= sizeof(nlmsghdr) &&
+           message->nlmsg_len <= static_cast<unsigned>(left);
+}
+
 /// Calls `take` for each message of the buffer until that returns true. @return whether it did
 template <class F>
 bool each_message(const nl_socket &nl, std::size_t size, F take)
 {
     const auto *message = reinterpret_cast<const nlmsghdr *>(nl.buffer);
     auto left = static_cast<int>(size);
-    for (; NLMSG_OK(message, left); message = NLMSG_NEXT(message, left)) {
+    for (; is_whole(message, left); message = NLMSG_NEXT(message, left)) {
         if (take(message)) {
             return true;
         }
