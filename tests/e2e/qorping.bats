@@ -128,6 +128,7 @@ probe() {
     probe 1 1 'no reply in 1 s.*' fe80::11%eth1
     ip -n "$here" link set eth1 up
     probe 2 1 'send: Permission denied' 198.51.100.1 192.0.2.255
+    while ip -n "$here" -6 address show dev eth1 tentative | grep -q inet6; do sleep 0.05; done
     ip -n "$there" link set eth1 down
     until [ "$(ip netns exec "$here" cat /sys/class/net/eth1/operstate)" != up ]; do sleep 0.05; done
     run -1 ip netns exec "$here" "$QOR_BIN/qorping" -v -c 1 fe80::2%eth1
