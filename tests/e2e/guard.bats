@@ -50,6 +50,8 @@ sysctl() { ip netns exec "$here" bash -c "echo $2 | tee /proc/sys/net/ipv4/conf/
 		address add 192.0.2.8 peer 192.0.2.7/24 dev veth metric 7
 		address add 192.0.2.6/25 dev veth
 		route add default via 192.0.2.2 src 192.0.2.9 metric 5
+		route append 198.18.0.0/15 via 192.0.2.2 src 192.0.2.9
+		route append 198.18.0.0/15 via 192.0.2.3 src 192.0.2.9
 		route replace 192.0.2.0/24 dev veth $subnet
 		route add 203.0.113.0/24 via 192.0.2.2 src 192.0.2.10
 		EOT

@@ -35,6 +35,15 @@ stands() { [[ "$(ip -n "$here" -o address show to 2001:db8::10 | grep . || echo 
 	newer 1 1 50 up   0  tentative $untold 2 DAD_of_2001:db8::10_is_not_over_after_0_s. <nd><timeout>0</timeout></nd>
 	newer 1 1 1  down 0  tentative $untold 2 DAD_of_2001:db8::10_waits_for_the_link_of_veth.
 	EOT
+    # A check that was forced because it could not ask has not asked.
+    ip -n "$there" link set veth up
+    linked() { [[ $(ip -n "$here" link show veth) == *' state UP '* ]]; }
+    eventually linked
+    setting dad_transmits 1
+    practice 1 2 0
+    ping_tool <<<'exit 2'
+    cluster 'fip1 2001:db8::10/64%veth <ping><timeout>1</timeout><force>1</force></ping>'
+    activate 15
 }
 
 @test "other runs have their turn while DAD is waited for, and may take the address off" {
