@@ -43,7 +43,8 @@ stands() { [[ "$(ip -n "$here" -o address show to 2001:db8::10 | grep . || echo 
     practice 1 2 0
     ping_tool <<<'exit 2'
     cluster 'fip1 2001:db8::10/64%veth <ping><timeout>1</timeout><force>1</force></ping>'
-    activate 15
+    activate 0
+    traced 8 'fip_await_dad()  ENTRY...'
 }
 
 @test "other runs have their turn while DAD is waited for, and may take the address off" {
