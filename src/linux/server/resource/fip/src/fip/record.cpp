@@ -10,9 +10,13 @@
 #include <bit>
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
+#include <memory>
 #include <sys/stat.h>
 #include <type_traits>
 #include <unistd.h>
@@ -59,6 +63,31 @@ bool is_record(const fip_record &record, const char *rscname)
            is_text(record.address) && is_text(record.device) && strcmp(record.rscname, rscname) == 0;
 }
 
+constexpr char temporary_prefix[] = ".new.";
+
+/// Removes the new files of runs that were killed before they could rename them.
+void sweep()
+{
+    char path[PATH_MAX];
+    if (qorhome_path(directory, path, sizeof(path)) != 0) {
+        return;
+    }
+    struct closer {
+        void operator()(DIR *open) const { closedir(open); }
+    };
+    const std::unique_ptr<DIR, closer> files(opendir(path));
+    for (const dirent *file = nullptr; files && (file = readdir(files.get())) != nullptr;) {
+        constexpr std::size_t prefix = sizeof(temporary_prefix) - 1;
+        if (strncmp(file->d_name, temporary_prefix, prefix) != 0) {
+            continue;
+        }
+        const auto pid = static_cast<pid_t>(strtol(file->d_name + prefix, nullptr, 10));
+        if (pid > 0 && kill(pid, 0) != 0 && errno == ESRCH) {
+            unlinkat(dirfd(files.get()), file->d_name, 0);
+        }
+    }
+}
+
 /// Makes the directory when it is missing. @return 0 or an errno
 int make_directory()
 {
@@ -85,8 +114,9 @@ int replace(const char *path, const fip_record &record)
     if (const int ret = make_directory(); ret != 0) {
         return ret;
     }
-    char relative[sizeof(directory) + sizeof("/.new.") + 3 * sizeof(int)];
-    snprintf(relative, sizeof(relative), "%s/.new.%d", directory, static_cast<int>(getpid()));
+    sweep();
+    char relative[sizeof(directory) + sizeof(temporary_prefix) + 3 * sizeof(int)];
+    snprintf(relative, sizeof(relative), "%s/%s%d", directory, temporary_prefix, static_cast<int>(getpid()));
     char temporary[PATH_MAX];
     int ret = qorhome_path(relative, temporary, sizeof(temporary));
     if (ret != 0) {
