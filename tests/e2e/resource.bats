@@ -30,7 +30,7 @@ node() { ip -n "$here" address "$@"; }
 	4|changed,192.0.2.10/24,veth,veth:0,veth:0,Success.|cluster 'fip1 192.0.2.10'; deactivate 0; node add 192.0.2.10/24 dev veth label veth:0
 	3|down,192.0.2.10/24,,,veth:0,Success.|node delete 192.0.2.10/24 dev veth
 	5|unknown,,,,veth:0,Success.|rm $xml $own/fip1
-	0|up,192.0.2.10/24,veth,veth:0,veth:0,Success.|cluster 'fip1 192.0.2.10'; activate 0; (ulimit -f 0; deactivate 0); rmdir $own; node add 192.0.2.10/24 dev veth label veth:0
+	0|up,192.0.2.10/24,veth,veth:0,veth:0,Success.|cluster 'fip1 192.0.2.10'; activate 0; (trap '' XFSZ; ulimit -f 0; deactivate 0); rmdir $own; node add 192.0.2.10/24 dev veth label veth:0
 	0|up,192.0.2.20/24,veth,veth:1,veth:1,Success.|fip 0 --add -a 192.0.2.20 -r fip1; fip 0 --del -a 192.0.2.10 -r fip1; rm $xml
 	0|up,2001:db8::10/48,veth,,veth:1,Success.|cluster 'fip1 2001:DB8:0::10/48%veth:1'; fip 0 --del -a 192.0.2.20 -r fip1; activate 0
 	4|changed,2001:db8::10/48,veth,,veth:1,Success.|fip 0 --del -a 2001:db8::10 -r fip1; node add 2001:db8::10/48 dev veth

@@ -9,7 +9,7 @@
 
 // Time that passes as soon as somebody waits for it: a limit of seconds is over at once, and what has none
 // waits as long as ever.
-long long hurry_ms = -1; // how far the clock went ahead; -1: it does not
+std::atomic<long long> hurry_ms = -1; // how far the clock went ahead; -1: it does not
 
 extern "C" {
 int __real_clock_gettime(clockid_t clock, timespec *now);

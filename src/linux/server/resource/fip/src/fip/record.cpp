@@ -16,7 +16,6 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
-#include <memory>
 #include <sys/stat.h>
 #include <type_traits>
 #include <unistd.h>
@@ -65,25 +64,33 @@ bool is_record(const fip_record &record, const char *rscname)
 
 constexpr char temporary_prefix[] = ".new.";
 
-/// Removes the new files of runs that were killed before they could rename them.
+/// Removes a file that a run which was killed could not rename any more.
+void sweep_file(int directory_fd, const char *name)
+{
+    constexpr std::size_t prefix = sizeof(temporary_prefix) - 1;
+    if (strncmp(name, temporary_prefix, prefix) == 0) {
+        const auto pid = static_cast<pid_t>(strtol(name + prefix, nullptr, 10));
+        if (pid > 0 && kill(pid, 0) != 0 && errno == ESRCH) {
+            unlinkat(directory_fd, name, 0);
+        }
+    }
+}
+
+/// Removes all such files. No memory is asked for: the address is up, and there may be none.
 void sweep()
 {
     char path[PATH_MAX];
     if (qorhome_path(directory, path, sizeof(path)) != 0) {
         return;
     }
-    struct closer {
-        void operator()(DIR *open) const { closedir(open); }
-    };
-    const std::unique_ptr<DIR, closer> files(opendir(path));
-    for (const dirent *file = nullptr; files && (file = readdir(files.get())) != nullptr;) {
-        constexpr std::size_t prefix = sizeof(temporary_prefix) - 1;
-        if (strncmp(file->d_name, temporary_prefix, prefix) != 0) {
-            continue;
-        }
-        const auto pid = static_cast<pid_t>(strtol(file->d_name + prefix, nullptr, 10));
-        if (pid > 0 && kill(pid, 0) != 0 && errno == ESRCH) {
-            unlinkat(dirfd(files.get()), file->d_name, 0);
+    const unique_fd files(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    alignas(dirent64) char entries[4096];
+    ssize_t size = 0;
+    while (files.fd >= 0 && (size = getdents64(files.fd, entries, sizeof(entries))) > 0) {
+        const dirent64 *entry = nullptr;
+        for (ssize_t at = 0; at < size; at += entry->d_reclen) {
+            entry = reinterpret_cast<const dirent64 *>(entries + at);
+            sweep_file(files.fd, entry->d_name);
         }
     }
 }
