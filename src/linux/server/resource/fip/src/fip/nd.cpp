@@ -165,10 +165,14 @@ int fip_send_na(const vdevinfo &dev, int count)
     if (err == 0) {
         err = nl_get_link(&kernel, nic_device_name(dev), &link);
     }
-    if (err != 0) {
-        TRACE(TRACE_ERROR, "send_na: No such device [%s] (errno=%d)", nic_device_name(dev), err);
+    if (err == ENODEV) {
+        TRACE(TRACE_ERROR, "send_na: No such device [%s]", nic_device_name(dev));
         fip_set_message("Fip interface was not found.");
         return FIP_ERR_NODEV;
+    }
+    if (err != 0) {
+        TRACE(TRACE_ERROR, "send_na: %s cannot be asked about. (errno=%d)", nic_device_name(dev), err);
+        return fip_internal_error(FIP_ERR_IFLIST);
     }
     if (link.maclen == 0) {
         TRACE(TRACE_ERROR, "send_na: No MAC Address [%s]", nic_device_name(dev));
