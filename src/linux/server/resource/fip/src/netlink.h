@@ -144,8 +144,8 @@ void nl_each(const nlmsghdr *message, std::size_t size, F take)
 /// Asks about a link by its name, an alias's base. @return 0, or the error number
 [[nodiscard]] int nl_get_link(nl_socket *nl, const char *ifname, nl_link *link);
 
-/// Asks about one IPv6 address of a link. @return 0; EADDRNOTAVAIL when it does not have it; another error
-/// number
+/// Asks about one IPv6 address of a link. @return 0; EADDRNOTAVAIL when it does not have it; or another
+/// error number
 [[nodiscard]] int nl_get_address6(nl_socket *nl, const in6_addr &addr, int ifindex, nl_address *address);
 
 #endif

@@ -17,10 +17,9 @@
 /// Makes the address the source of the interface's subnet route and, when the interface has it, of the
 /// default route.
 /// @return 0; FIP_ERR_POPEN, FIP_ERR_ABNORMAL or FIP_ERR_INTERNAL for a command that could not be started,
-/// was
-///         ended by a signal (or because it hung), or failed; FIP_ERR_INTERNAL when the route table cannot be
-///         opened. A failure of the second route leaves the first one changed; the kernel drops that one when
-///         the caller then removes the address.
+///         was ended by a signal (or because it hung), or failed; FIP_ERR_INTERNAL when the route table
+///         cannot be read. A failure of the second route leaves the first one changed; the kernel drops that
+///         one when the caller then removes the address.
 [[nodiscard]] int fip_srcip_set(const vdevinfo *pvdevinfo);
 
 /// Looks at one line of /proc/net/route, which is taken apart in place: is it the interface's default route?
