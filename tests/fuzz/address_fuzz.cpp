@@ -1,6 +1,6 @@
 /// Any text as an address argument: whatever is accepted has pieces within their bounds.
 #include "fip.h"
-#include "fip/address.h"
+#include "fip/address_text.h"
 #include "fuzz_input.h"
 
 #include <cstring>

@@ -1,6 +1,7 @@
 /// Any output of ifconfig, through both of its readers, in both families.
 #include "fip/inventory.h"
 #include "fuzz_input.h"
+#include "nicLayout.h"
 
 namespace
 {
@@ -14,9 +15,8 @@ void read_inventory(const std::uint8_t *data, std::size_t size)
             ret = fip_read_inventory_line(&reader, line);
         }
     });
-    for (int i = 0; i < reader.num; ++i) {
-        const ipaddrinfo &row = reader.rows[static_cast<std::size_t>(i)];
-        require(row.index == static_cast<unsigned>(i) && row.ifname[0] != '\0');
+    for (const ipaddrinfo &row : reader.rows) {
+        require(&row == &reader.rows[row.index] && row.ifname[0] != '\0');
         require(ret != FIP_SUCCESS || (row.sipel.masklen >= 0 && row.sipel.masklen <= 128));
     }
 }

@@ -1,6 +1,6 @@
 // The address argument, taken apart, and the interface and alias chosen for it.
 
-#include "fip/address.h"
+#include "fip/address_text.h"
 #include "fip/target.h"
 #include "fip_fixture.h"
 
@@ -70,9 +70,9 @@ struct TargetTest : FipTest {
     }
 
     // Rows from "NAME[=ADDRESS/BITS] ...", at most ten; the hardware address of row N is N.
-    static std::vector<ipaddrinfo> inventory(const std::string &text)
+    static inventory rows_of(const std::string &text)
     {
-        std::vector<ipaddrinfo> rows;
+        inventory rows;
         std::istringstream words(text);
         for (std::string word; words >> word;) {
             const std::size_t equals = word.find('=');
@@ -85,11 +85,11 @@ struct TargetTest : FipTest {
     }
 
     // "OUTCOME: IFNAME VDEVNAME MASK MASKLEN BCAST MAC"
-    std::string choose(const std::vector<ipaddrinfo> &rows, const std::string &address, const char *ifname)
+    std::string choose(const inventory &rows, const std::string &address, const char *ifname)
     {
         vdevinfo dev = parse(address);
         copy_text(dev.ifname, ifname);
-        const std::string left = outcome(fip_crt_vdevinfo(rows.data(), static_cast<int>(rows.size()), &dev));
+        const std::string left = outcome(fip_crt_vdevinfo(rows, &dev));
         EXPECT_EQ(atoi(dev.smac), dev.macaddr[0]); // NOLINT(cert-err34-c)
         return join(left + ":", shown(dev.ifname), shown(dev.vdevname), shown(dev.sipel.mask),
                     dev.sipel.masklen, shown(dev.bcast), shown(dev.smac));
@@ -133,16 +133,15 @@ TEST_F(TargetTest, IsChosen)
                          {"<long>", "30 [Interface name is too long.]:"},
                          {"<used>", "28 [fip interface already used. [IF: e:3]]:"}};
     for (const auto &row : table(targets, words)) {
-        EXPECT_EQ(choose(inventory(row[0]), row.at(1), row.at(2).c_str()), row.at(3)) << row[0];
+        EXPECT_EQ(choose(rows_of(row[0]), row.at(1), row.at(2).c_str()), row.at(3)) << row[0];
     }
-    std::vector<ipaddrinfo> rows = inventory("e=10.1.0.1/16");
+    inventory rows = rows_of("e=10.1.0.1/16");
     for (int alias = 0; alias <= 9999; ++alias) {
         rows.push_back(rows[0]);
         copy_text(rows.back().ifname, ("e:" + std::to_string(alias)).c_str());
     }
     EXPECT_TRUE(choose(rows, "10.1.2.3", "").starts_with("17 "));
-    EXPECT_EQ(fip_chk_ifname(rows.data(), 10'001, "E:9999"), 1);
-    EXPECT_EQ(fip_chk_ifname(rows.data(), 10'000, "e:9999"), 0); // within the rows given
+    EXPECT_EQ(fip_chk_ifname(rows, "E:9999"), 1);
     rows.pop_back();
     EXPECT_EQ(choose(rows, "10.1.2.3", ""), "0: e e:9999 255.255.0.0 0 10.1.255.255 0");
 }

@@ -2,6 +2,7 @@
 
 #include "fip/arp.h"
 #include "fip_fixture.h"
+#include "nicInventory.h"
 
 #include <ifaddrs.h>
 #include <numeric>
@@ -107,12 +108,11 @@ TEST_F(IfaddrsTest, AnnouncesAndLists)
         fip_close_arp();
         EXPECT_EQ(open_sockets(), row.rings ? 0 : 1); // which waits for the end of the process
         EXPECT_EQ(hex(dev.macaddr, 20).starts_with(row.length > 6 ? mac20 : mac), !sent.empty());
-        ipaddrinfo *rows = nullptr;
-        int num = 0;
-        ASSERT_EQ(nic_get_all_info(&rows, &num) * 10 + num, 1);
-        EXPECT_STRCASEEQ(rows->smac, row.listed.c_str());
-        EXPECT_EQ(hex(rows->macaddr, row.listed.size() / 2), row.listed);
-        free(rows);
+        inventory rows;
+        ASSERT_EQ(nic_get_all_info(&rows), NIC_SUCCESS);
+        ASSERT_EQ(rows.size(), 1);
+        EXPECT_STRCASEEQ(rows[0].smac, row.listed.c_str());
+        EXPECT_EQ(hex(rows[0].macaddr, row.listed.size() / 2), row.listed);
     }
     EXPECT_EQ(open_files(), open_before + 1); // the ring
 }

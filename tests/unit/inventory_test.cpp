@@ -10,20 +10,18 @@ struct InventoryTest : FipTest {
     {
         ipv6flag = v6 ? 1 : 0;
         copy_text(info.ifconfcmd, script("if$config", body).c_str());
-        ipaddrinfo *list = nullptr;
-        int num = 0;
-        std::string result = outcome(fip_ifconfig_mkth(&list, &num, &info));
-        const inventory_rows rows(list);
-        for (const ipaddrinfo *row = list; row < list + num; ++row) {
+        inventory rows;
+        std::string result = outcome(fip_ifconfig_mkth(&rows, &info));
+        for (const ipaddrinfo &row : rows) {
             vdevinfo read = {};
-            static_cast<void>(fip_parse_addr(row->sipel.addr, &read.nipel.addr, &read.nipel6.addr));
-            static_cast<void>(fip_parse_addr(row->sipel.mask, &read.nipel.mask, &read.nipel6.mask));
-            EXPECT_EQ(hex(&row->nipel, 8), hex(&read.nipel, 8));
-            EXPECT_EQ(hex(&row->nipel6, 32), hex(&read.nipel6, 32));
-            const std::string bytes = std::regex_replace(hex(row->macaddr, 20), std::regex("0*$"), "");
-            EXPECT_EQ(row->index, row - list);
-            result += join(";", row->ifname, row->sipel.addr, row->sipel.mask, row->sipel.masklen, row->smac,
-                           bytes);
+            static_cast<void>(fip_parse_addr(row.sipel.addr, &read.nipel.addr, &read.nipel6.addr));
+            static_cast<void>(fip_parse_addr(row.sipel.mask, &read.nipel.mask, &read.nipel6.mask));
+            EXPECT_EQ(hex(&row.nipel, 8), hex(&read.nipel, 8));
+            EXPECT_EQ(hex(&row.nipel6, 32), hex(&read.nipel6, 32));
+            const std::string bytes = std::regex_replace(hex(row.macaddr, 20), std::regex("0*$"), "");
+            EXPECT_EQ(row.index, &row - rows.data());
+            result +=
+                join(";", row.ifname, row.sipel.addr, row.sipel.mask, row.sipel.masklen, row.smac, bytes);
         }
         return result;
     }

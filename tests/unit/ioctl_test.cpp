@@ -1,7 +1,8 @@
 // An address added and removed, by ioctl and by command.
 
-#include "fip/ipaddr.h"
+#include "fip/address_change.h"
 #include "fip_fixture.h"
+#include "nicLayout.h"
 
 #include <linux/ipv6.h>
 #include <map>

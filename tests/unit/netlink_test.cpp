@@ -1,6 +1,6 @@
 // The kernel by rtnetlink: the advertisement of a link, and a removal that is disturbed.
 
-#include "fip/ipaddr.h"
+#include "fip/address_change.h"
 #include "fip/nd.h"
 #include "fip_fixture.h"
 

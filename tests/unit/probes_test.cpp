@@ -182,7 +182,7 @@ TEST_F(SrcipTest, FailsForCommandThatDoesNotEnd_AndForTableThatCannotBeRead)
 
 TEST_F(SrcipTest, ChecksOtherResources)
 {
-    ipaddrinfo row = {"eth1:1", 0, {{inet_addr("10.0.0.5")}, {}}, {}, {}, "", {}};
+    const inventory rows = {{"eth1:1", 0, {{inet_addr("10.0.0.5")}, {}}, {}, {}, "", {}}};
     const std::tuple<const char *, const char *, std::string> cases[] = {
         {"eth1:5", "7</ip></parameters><server name='node1'><parameters><ip>10.0.0.5</ip>", "15"},
         {"eth1:5", "5</ip></parameters><server name='node1'><parameters><ip>10.0.0.7</ip>", "0"},
@@ -194,6 +194,6 @@ TEST_F(SrcipTest, ChecksOtherResources)
                      "</parameters></server></fip>");
         vdevinfo dev = {};
         copy_text(dev.ifname, ifname);
-        EXPECT_EQ(outcome(fip_srcip_check(&row, 1, &dev, "fip1")).substr(0, 2), expected) << ip;
+        EXPECT_EQ(outcome(fip_srcip_check(rows, &dev, "fip1")).substr(0, 2), expected) << ip;
     }
 }

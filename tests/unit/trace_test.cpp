@@ -1,6 +1,6 @@
 // The trace log, as its callers see it.
 
-#include "fip/log.h"
+#include "fip/trace_setup.h"
 #include "fip_fixture.h"
 #include "tracersc_more.h"
 

@@ -1,9 +1,10 @@
 // The bounded worker and the outside command.
 
 #include "command.h"
+#include "fip/address_change.h"
 #include "fip/inventory.h"
-#include "fip/ipaddr.h"
 #include "fip_fixture.h"
+#include "nicLayout.h"
 #include "worker.h"
 
 #include <numeric>
@@ -76,11 +77,10 @@ TEST_F(WorkerTest, IsInTime_UnlessItEndsDuringLastSleep_OrRunsOutOfMemory)
 TEST_F(WorkerTest, TellsWhenItCannotStart)
 {
     vdevinfo dev = {};
-    ipaddrinfo *list = nullptr;
-    int num = 0;
+    inventory rows;
     const std::string why = " failed. (errno=0,ret=11)]", message = why + " Internal error. (status=22)";
     start_error = EAGAIN;
-    EXPECT_EQ(outcome(fip_ifconfig_mkth(&list, &num, &info)), "22 [pthread_create(fip_cmd_popen)" + message);
+    EXPECT_EQ(outcome(fip_ifconfig_mkth(&rows, &info)), "22 [pthread_create(fip_cmd_popen)" + message);
     EXPECT_EQ(outcome(fip_act_ipaddr(&dev, &info)), "22 [pthread_create(ffip_cmd_system)" + message);
     EXPECT_EQ(outcome(nic_chk_isifconfig(&IsIfconfig, 0, 60)), "19 [pthread_create(nic_cmd_chk)" + why);
     EXPECT_EQ(run({1000, 2}, [] {}), WORKER_NOT_STARTED);

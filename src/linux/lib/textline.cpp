@@ -1,6 +1,6 @@
 #include "textline.h"
 
-#include "descriptor.h"
+#include "unique_fd.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -91,6 +91,6 @@ bool textline_end_piece(int fd)
     char path[32];
     snprintf(path, sizeof(path), "/proc/self/fd/%d", fd);
     const off_t end = lseek(fd, 0, SEEK_CUR);
-    const descriptor again(open(path, O_WRONLY | O_CLOEXEC | O_NONBLOCK));
+    const unique_fd again(open(path, O_WRONLY | O_CLOEXEC | O_NONBLOCK));
     return end > 0 && again.fd >= 0 && pwrite(again.fd, "\n", 1, end - 1) == 1;
 }

@@ -1,7 +1,8 @@
 #include "qoripc.h"
 
-#include "descriptor.h"
+#include "bounded_text.h"
 #include "qorhome.h"
+#include "unique_fd.h"
 
 #include <algorithm>
 #include <atomic>
@@ -69,7 +70,7 @@ constexpr table_id node_id = {{'q', 'o', 'r', '-', 'n', 'o', 'd', 'e'}, 1, 1};
 /// An attached table: the open file, which carries the writers' lock, and its mapping.
 template <typename Table>
 struct attachment {
-    descriptor file;
+    unique_fd file;
     Table *table = nullptr;
 
     attachment() = default;
@@ -87,23 +88,23 @@ struct attachment {
 
 attachment<resource_table> resources;
 attachment<node_table> node;
-descriptor ifconfig_lock;
+unique_fd ifconfig_lock;
 
 /// Opens a file of run/, creating it when missing. O_NONBLOCK keeps a FIFO in its place from hanging us. Who
 /// may read the file may lock it, and hold us up as long as he likes: so only root may.
-int open_shared(const char *relative, descriptor *file)
+int open_shared(const char *relative, unique_fd *file)
 {
     constexpr int flags = O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
     char path[PATH_MAX];
     if (qorhome_path(relative, path, sizeof(path)) != 0) {
         return SHMRM_ERR_FTOK;
     }
-    descriptor opened(open(path, flags, 0600));
+    unique_fd opened(open(path, flags, 0600));
     if (opened.fd < 0 && errno == ENOENT) {
         if (qorhome_mkdir("run") != 0) {
             return SHMRM_ERR_FTOK;
         }
-        opened = descriptor(open(path, flags, 0600));
+        opened = unique_fd(open(path, flags, 0600));
     }
     struct stat st = {};
     if (opened.fd < 0 || fstat(opened.fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != 0 ||
@@ -241,7 +242,7 @@ int attach(attachment<Table> &to, const char *relative, const table_id &id)
     if (to.table != nullptr) {
         return 0;
     }
-    descriptor file;
+    unique_fd file;
     if (const int ret = open_shared(relative, &file); ret != 0) {
         return ret;
     }
@@ -290,16 +291,6 @@ int check_filing(const char *group, const char *type, const char *rscname, const
     return group_fits && is_name(type) && is_name(rscname) && data_fits ? 0 : SHMRM_ERR_INVALIDPARAM;
 }
 
-/// Fills a field from `size` bytes of text at the most; the rest becomes zero. What the text came from, a
-/// file that another process wrote among them, may lack the terminator: the field never does.
-template <std::size_t N>
-void copy_text(char (&field)[N], const char *text, std::size_t size)
-{
-    const std::size_t len = strnlen(text, size < N ? size : N - 1);
-    memcpy(field, text, len);
-    memset(field + len, 0, N - len);
-}
-
 std::uint32_t entry_count(const resource_table &table)
 {
     const std::uint32_t count = table.count.load(std::memory_order_acquire);
@@ -336,14 +327,14 @@ int file_resource(const char *group, const char *type, const char *rscname, Chan
             return SHMRM_ERR_MAXRSC;
         }
         entry = &table.entry[count];
-        copy_text(entry->type, type, SHMRM_NAME_SIZE);
-        copy_text(entry->rscname, rscname, SHMRM_NAME_SIZE);
+        copy_text(entry->type, type);
+        copy_text(entry->rscname, rscname);
     }
     // Read with acquire: who sees bytes of the new part also sees that the turn had come to this one.
     const std::uint32_t turn = entry->turn.load(std::memory_order_acquire);
     resource_part part = is_new ? resource_part{} : entry->part[turn % 2];
     if (group != nullptr) {
-        copy_text(part.group, group, SHMRM_NAME_SIZE);
+        copy_text(part.group, group);
     }
     change(part);
     entry->part[(turn + 1) % 2] = part;
@@ -372,7 +363,7 @@ int shmrm_setdescript(const char *group, const char *type, const char *rscname, 
         return ret;
     }
     return file_resource(group, type, rscname, [text, size](resource_part &part) {
-        copy_text(part.descript, text, static_cast<std::size_t>(size));
+        copy_part(part.descript, text, static_cast<std::size_t>(size));
     });
 }
 
@@ -405,11 +396,12 @@ int shmrm_getstate(int index, struct shmrm_state *state)
         const resource_part part = entry.part[turn % 2];
         // An addition of nothing, for unlike a load it cannot overtake the reading of the part.
         if (entry.turn.fetch_add(0, std::memory_order_acq_rel) == turn) {
-            copy_text(state->group, part.group, sizeof(part.group));
-            copy_text(state->type, entry.type, sizeof(entry.type));
-            copy_text(state->rscname, entry.rscname, sizeof(entry.rscname));
-            copy_text(state->rscfree, part.rscfree, sizeof(part.rscfree));
-            copy_text(state->descript, part.descript, sizeof(part.descript));
+            // Another process wrote them: a terminator may lack there, never here.
+            copy_part(state->group, part.group, sizeof(part.group));
+            copy_part(state->type, entry.type, sizeof(entry.type));
+            copy_part(state->rscname, entry.rscname, sizeof(entry.rscname));
+            copy_part(state->rscfree, part.rscfree, sizeof(part.rscfree));
+            copy_part(state->descript, part.descript, sizeof(part.descript));
             return 0;
         }
     }

@@ -1,8 +1,8 @@
 #include "qorlog.h"
 
-#include "descriptor.h"
 #include "qorhome.h"
 #include "textline.h"
+#include "unique_fd.h"
 
 #include <cctype>
 #include <cerrno>
@@ -45,7 +45,7 @@ struct log_file {
     off_t limit = 0;
     /// Guards what follows, among the threads of this process only: no other process ever waits for it.
     std::mutex mutex;
-    descriptor file;
+    unique_fd file;
     /// The file may end in a piece of a line (disk full, writer killed): the next line starts with a newline.
     bool torn = false;
 };
@@ -76,9 +76,9 @@ bool is_plain_name(const char *type)
 }
 
 /// O_NONBLOCK keeps the open from waiting for the reader of a FIFO that somebody left in the file's place.
-int open_log(const char *path, descriptor *file)
+int open_log(const char *path, unique_fd *file)
 {
-    descriptor opened(
+    unique_fd opened(
         open(path, O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0640));
     if (opened.fd < 0) {
         return errno;
@@ -153,7 +153,7 @@ bool move_away(const log_file &log, int fd)
 void next_file(log_file &log)
 {
     for (int i = 0; i < reopen_tries; ++i) {
-        descriptor fresh;
+        unique_fd fresh;
         struct stat ours = {};
         struct stat named = {};
         if (open_log(log.path, &fresh) != 0 || fstat(fresh.fd, &named) != 0 ||
@@ -233,7 +233,7 @@ void format_header(char *header, std::size_t size, int level, const char *file, 
 /// which our own log has.
 void send_syslog(const char *tag, const char *text)
 {
-    const descriptor sock(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    const unique_fd sock(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (sock.fd < 0) {
         return;
     }

@@ -12,8 +12,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "descriptor.h"
 #include "qorhome.h"
+#include "unique_fd.h"
 #include "xmlpath.h"
 #include "xmltree.h"
 
@@ -76,7 +76,7 @@ bool is_trusted(const struct stat &st)
 int read_file(const char *file, std::string *bytes)
 {
     // NONBLOCK: a FIFO in the file's place must not hold the agent up.
-    const descriptor input(open(file, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+    const unique_fd input(open(file, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
     if (input.fd < 0) {
         return errno == ENOENT ? QOR_XMLERR_NOTEXIST_PATH : QOR_XMLERR_INVALID_XML;
     }

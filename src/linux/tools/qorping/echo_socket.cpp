@@ -138,12 +138,12 @@ int open_echo_socket(const probe_target &target, echo_socket *sock, const char *
     }
 
     *step = "socket";
-    sock->socket = descriptor(socket(family, SOCK_RAW | flags, protocol));
+    sock->socket = unique_fd(socket(family, SOCK_RAW | flags, protocol));
     if (sock->socket.fd >= 0) {
         sock->expected.ip_header = family == AF_INET;
         pass_replies_only(sock->socket.fd, family);
     } else if (errno == EPERM || errno == EACCES) {
-        sock->socket = descriptor(socket(family, SOCK_DGRAM | flags, protocol));
+        sock->socket = unique_fd(socket(family, SOCK_DGRAM | flags, protocol));
         if (sock->socket.fd >= 0 && !bind_identifier(sock->socket.fd, family, &sock->expected.identifier)) {
             *step = "bind";
             return errno;

@@ -2,11 +2,11 @@
 #ifndef ECHO_SOCKET_H
 #define ECHO_SOCKET_H
 
-#include "descriptor.h"
 #include "icmp_echo.h"
+#include "unique_fd.h"
 
 struct echo_socket {
-    descriptor socket;
+    unique_fd socket;
     reply_expectation expected = {};
 };
 

@@ -33,7 +33,7 @@ struct packet_address {
 
 int open_arp(link_socket *sock)
 {
-    sock->socket = descriptor(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, htons(ETH_P_ARP)));
+    sock->socket = unique_fd(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, htons(ETH_P_ARP)));
     if (sock->socket.fd < 0) {
         return errno;
     }
@@ -49,7 +49,7 @@ int open_arp(link_socket *sock)
 
 int open_neighbour(link_socket *sock)
 {
-    sock->socket = descriptor(socket(AF_INET6, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, IPPROTO_ICMPV6));
+    sock->socket = unique_fd(socket(AF_INET6, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, IPPROTO_ICMPV6));
     const int fd = sock->socket.fd;
     constexpr int on = 1;
     constexpr int off = 0;

@@ -2,13 +2,13 @@
 #ifndef LINK_SOCKET_H
 #define LINK_SOCKET_H
 
-#include "descriptor.h"
 #include "host_address.h"
 #include "link_probe.h"
+#include "unique_fd.h"
 
 /// One for all links: to close a packet socket takes some 10 ms, which fifty of them would take each.
 struct link_socket {
-    descriptor socket;
+    unique_fd socket;
     host_address address = {}; ///< asked for
 };
 

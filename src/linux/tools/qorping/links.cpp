@@ -1,6 +1,6 @@
 #include "links.h"
 
-#include "rtnetlink.h"
+#include "route.h"
 
 #include <algorithm>
 #include <cerrno>

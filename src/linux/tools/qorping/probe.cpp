@@ -3,7 +3,7 @@
 #include "echo_socket.h"
 #include "link_socket.h"
 #include "links.h"
-#include "rtnetlink.h"
+#include "route.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -3,6 +3,7 @@
 #include "json.h"
 #include "resource.h"
 
+#include "bounded_text.h"
 #include "fip.h"
 #include "qoripc.h"
 #include "textline.h"
@@ -192,7 +193,7 @@ int read_state(const char *rscname, shmrm_state *found)
             return ret;
         }
     }
-    snprintf(found->rscname, sizeof(found->rscname), "%s", rscname);
+    copy_text(found->rscname, rscname);
     return ret;
 }
 

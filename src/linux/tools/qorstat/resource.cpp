@@ -3,7 +3,7 @@
 #include "kernel_address.h"
 
 #include "fip.h"
-#include "fip/address.h"
+#include "fip/address_text.h"
 #include "fip/config.h"
 #include "fip/record.h"
 #include "text.h"

@@ -10,20 +10,6 @@
 #include <cstring>
 #include <fcntl.h>
 
-const logmsg logtbl[CHK_ID_COUNT] = {
-    {1, "Success in a composition check."},
-    {2, "Invalid argument."},
-    {3, "Parameter %s is empty."},
-    {4, "Value of %s is out of range. (value=%d)"},
-    {5, "Format of FIP address is invalid. (value=%s)"},
-    {6, "IP address is invalid. (value=%s)"},
-    {7, "NIC alias is invalid. (value=%s)"},
-    {8, "Subnet mask is invalid. (value=%s)"},
-    {97, "Path of Comment does not exist."},
-    {98, "Length of Comment is out of range."},
-    {99, "Internal error occurred."},
-};
-
 namespace
 {
 

@@ -32,7 +32,20 @@ struct logmsg {
     const char *msg; ///< printf format
 };
 
-extern const logmsg logtbl[CHK_ID_COUNT];
+/// Known to the compiler, which so checks the values that a row is written with.
+inline constexpr logmsg logtbl[CHK_ID_COUNT] = {
+    {1, "Success in a composition check."},
+    {2, "Invalid argument."},
+    {3, "Parameter %s is empty."},
+    {4, "Value of %s is out of range. (value=%d)"},
+    {5, "Format of FIP address is invalid. (value=%s)"},
+    {6, "IP address is invalid. (value=%s)"},
+    {7, "NIC alias is invalid. (value=%s)"},
+    {8, "Subnet mask is invalid. (value=%s)"},
+    {97, "Path of Comment does not exist."},
+    {98, "Length of Comment is out of range."},
+    {99, "Internal error occurred."},
+};
 
 /// Opens the file for appending (created 0644) and writes the start line.
 /// @return 0, or 1 when the file cannot be opened

@@ -24,7 +24,13 @@ enum { TAG_BOUNDS = 1, TAG_FLAG = 2, TAG_SWITCH = 3 };
 
 int list_servers(name_list *servers)
 {
-    static constexpr name_list_texts texts = {trace_source, property_name, "svnum", "servers", false};
+    static constexpr name_list_texts texts = {
+        .pname = trace_source,
+        .pfunc = property_name,
+        .count = "svnum",
+        .slots = "servers",
+        .tells_memory = false,
+    };
     int ret = 0;
     switch (read_name_list(texts, server_path, servers, &ret)) {
     case NAMES_READ:
@@ -54,7 +60,7 @@ int unreadable(const char *func, const char *path, int type, int ret)
 int check_special(const char *rscname, const property &prop, const name_list &servers, int server)
 {
     char path[PATH_SIZE];
-    format_path(path, prop.specialpath, rscname, servers[server]);
+    fill_path(path, prop.specialpath, {rscname, servers[server]});
     char value[VALUE_SIZE] = "";
     int size = prop.size;
     const int ret = xmllib_get_value(path, prop.type, value, &size);
@@ -71,7 +77,7 @@ int check_special(const char *rscname, const property &prop, const name_list &se
 int check_property(const char *rscname, const property &prop, const name_list &servers)
 {
     char path[PATH_SIZE];
-    format_path(path, prop.commonpath, rscname, "");
+    fill_path(path, prop.commonpath, {rscname});
     char value[VALUE_SIZE] = "";
     int size = prop.size;
     const int ret = xmllib_get_value(path, prop.type, value, &size);
@@ -110,7 +116,7 @@ int read_bounds(const char *index, bounds *limits)
         return CHK_PASSED;
     }
     char path[PATH_SIZE];
-    format_path(path, "/root/resource/fip/param%s/type", index, "");
+    fill_path(path, "/root/resource/fip/param%s/type", {index});
     int tag = 0;
     int ret = read_int(path, &tag);
     if (ret != CHK_PASSED || tag == TAG_FLAG || tag == TAG_SWITCH) {
@@ -121,19 +127,19 @@ int read_bounds(const char *index, bounds *limits)
         limits->known = false;
         return CHK_PASSED;
     }
-    format_path(path, "/root/resource/fip/param%s/minimum", index, "");
+    fill_path(path, "/root/resource/fip/param%s/minimum", {index});
     ret = read_int(path, &limits->minimum);
     if (ret != CHK_PASSED) {
         return ret;
     }
-    format_path(path, "/root/resource/fip/param%s/maximum", index, "");
+    fill_path(path, "/root/resource/fip/param%s/maximum", {index});
     return read_int(path, &limits->maximum);
 }
 
 int check_numeric_value(const char *rscname, const numeric_param &param, int index)
 {
     char path[PATH_SIZE];
-    format_path(path, param.path, rscname, "");
+    fill_path(path, param.path, {rscname});
     int value = 0;
     int ret = read_int(path, &value);
     if (ret != CHK_PASSED) {

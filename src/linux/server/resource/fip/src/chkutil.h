@@ -20,8 +20,8 @@ struct property {
     const char *name;        ///< for display; the check functions word their own findings
     int type;                ///< value type of the read
     int size;                ///< bytes allowed for the value, at most 1024
-    const char *commonpath;  ///< printf format: resource name
-    const char *specialpath; ///< printf format: resource name, server name; null: no value per server
+    const char *commonpath;  ///< a pattern (fill_path): resource name
+    const char *specialpath; ///< resource name, server name; null: no value per server
     property_check commoncheckfunc;
     property_check specialcheckfunc;
     int required; ///< 1: in a cluster of several servers each must have its own value
@@ -30,7 +30,7 @@ struct property {
 /// One int parameter.
 struct numeric_param {
     const char *name;
-    const char *path;  ///< printf format: resource name
+    const char *path;  ///< a pattern: resource name
     const char *index; ///< number under which the policy keeps its bounds; null: 0 to 1
 };
 

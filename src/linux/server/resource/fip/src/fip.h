@@ -114,9 +114,8 @@ enum fip_nddad {
 /// Argument and result of the inventory worker.
 struct IPADDR_INFO {
     int ret;
-    int ipaddr_num;
     char cmdpath[FIP_PATH_SIZE]; ///< command text; the worker appends " -a"
-    ipaddrinfo *list;            ///< heap rows; they belong to the block until its reader takes them
+    inventory list;
 };
 
 /// Argument and result of the worker that changes an address by command.
@@ -141,33 +140,39 @@ struct FIP_THREAD_INFO {
 };
 using PFIP_THREAD_INFO = FIP_THREAD_INFO *;
 
-// Run-mode globals: one process serves one request. Written by the main thread only, and what a worker
-// reads (actflag, ipv6flag, inspath) not while one runs. The workers' end flags and the result message are
-// shared.
+// Run-mode globals: one process serves one request. Each belongs to the files behind its @writer, which alone
+// write it (script/lint-globals); all others read. The main thread writes, and what a worker reads (actflag,
+// ipv6flag, inspath) not while one runs; the end flags and the result message are shared with the workers.
+// Two more, of the kernel's side, are in nicLayout.h.
 
-extern int actflag;      ///< -1 undecided, 0 activation, 1 deactivation
-extern int nomuseflag;   ///< non-zero: the address comes from the command line (--add, --del)
-extern int dynamicflag;  ///< 1: parameters come from the configuration under check
-extern int ipv6flag;     ///< 1: the address is IPv6
-extern int fullnotation; ///< 1: the address names its interface and alias ("trusted mode")
+extern int actflag;      ///< -1 undecided, 0 activation, 1 deactivation; @writer fip/main
+extern int nomuseflag;   ///< non-zero: the address is the command line's (--add, --del); @writer fip/main
+extern int dynamicflag;  ///< 1: parameters come from the configuration under check; @writer fip/main
+extern int ipv6flag;     ///< 1: the run's address is IPv6; @writer fip/address_text
+extern int fullnotation; ///< 1: it names its interface and alias ("trusted mode"); @writer fip/address_text
 
-extern FIP_PRACTICE practice; ///< written by fip_xml_get_config only
+extern FIP_PRACTICE practice; ///< @writer fip/config
 
-extern char inspath[FIP_PATH_SIZE];   ///< the suite's installation path
-extern char rdrctpath[FIP_PATH_SIZE]; ///< the check log's name below it
-extern char rdrctfile[FIP_PATH_SIZE]; ///< the check log's whole name
+extern char inspath[FIP_PATH_SIZE];   ///< the suite's installation path; @writer fip/config
+extern char rdrctpath[FIP_PATH_SIZE]; ///< the check log's name below it; @writer fip/test_mode
+extern char rdrctfile[FIP_PATH_SIZE]; ///< the check log's whole name; @writer fip/test_mode
 
-extern void *hchkconf; ///< handle of the configuration under check; null while none is loaded
+extern void *hchkconf; ///< the configuration under check; null while none is loaded; @writer fip/conf_check
 
-extern int shmrmflag, shmnmflag, semflag, sementifflag; ///< attachments, and the critical section's entry
-extern int xmliniflag, xmlconflag, loginiflag;          ///< what was started
+extern int shmrmflag;    ///< 1: the resource states are attached; @writer fip/suite_state
+extern int shmnmflag;    ///< 1: the node's state is attached; @writer fip/suite_state
+extern int semflag;      ///< 1: the critical section's file is open; @writer fip/suite_state
+extern int sementifflag; ///< 1: the run is in the critical section; @writer fip/suite_state
+extern int xmliniflag;   ///< 1: the configuration library was started; @writer fip/config
+extern int xmlconflag;   ///< 1: the cluster configuration was loaded; @writer fip/config
+extern int loginiflag;   ///< 1: the trace log was opened; @writer fip/trace_setup
 
-extern std::atomic<int> ifconfthend; ///< end flag of the inventory worker
-extern std::atomic<int> actthend;    ///< end flag of the address-change worker
+extern std::atomic<int> ifconfthend; ///< end flag of the inventory worker; @writer fip/inventory
+extern std::atomic<int> actthend;    ///< end flag of the address-change worker; @writer fip/address_change
 
 /// The result message: what is filed as the resource's last message when the run ends. Written through
-/// fip_set_message only, read by the exit sequence when no worker runs any more but one
-/// that was left behind.
+/// fip_set_message only; the exit sequence reads it when no worker runs any more but one that was left
+/// behind. @writer fip
 extern char shmbuf[FIP_SHMBUF_SIZE];
 
 /// Puts a text into shmbuf, cut to its size. Any thread may call it; the last text stands.
@@ -179,6 +184,13 @@ int fip_internal_error(int code);
 
 /// Tells of a failed allocation, in the trace and in the result message. @return FIP_ERR_MEMORY
 int fip_out_of_memory();
+
+/// A result of libqorxml as it becomes the exit status where no code of ours stands for it: unchanged, so the
+/// number is to be read as a QOR_XMLERR_... value (qorfip(8), EXIT STATUS).
+constexpr int fip_library_status(int xml_result)
+{
+    return xml_result;
+}
 
 /// Runs `job`, which returns a status, and turns a failed allocation into one. A handler for every exception
 /// would stop the cancellation of a worker, which unwinds like one.

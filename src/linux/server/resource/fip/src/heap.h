@@ -1,24 +1,33 @@
-/// Memory of C's allocator, owned by a scope.
+/// Room that may be refused: for who tells of that in the trace, in place of the exception.
 #ifndef HEAP_H
 #define HEAP_H
 
 #include <cstddef>
-#include <cstdlib>
-#include <memory>
+#include <new>
+#include <vector>
 
-/// Frees what C's allocator gave.
-struct heap_deleter {
-    void operator()(void *memory) const { free(memory); }
-};
-
+/// Makes room for `count` elements. @return false when there is no memory; errno is then ENOMEM
 template <class T>
-using heap_array = std::unique_ptr<T[], heap_deleter>;
-
-/// Allocates `bytes` zeroed bytes for an array of plain records; null when there is no memory.
-template <class T>
-heap_array<T> heap_zeroed(std::size_t bytes)
+[[nodiscard]] bool heap_reserve(std::vector<T> *rows, std::size_t count)
 {
-    return heap_array<T>(static_cast<T *>(calloc(1, bytes)));
+    try {
+        rows->reserve(count);
+    } catch (const std::bad_alloc &) {
+        return false;
+    }
+    return true;
+}
+
+/// Makes it `count` zeroed elements. @return as heap_reserve
+template <class T>
+[[nodiscard]] bool heap_assign(std::vector<T> *rows, std::size_t count)
+{
+    rows->clear();
+    if (!heap_reserve(rows, count)) {
+        return false;
+    }
+    rows->resize(count);
+    return true;
 }
 
 #endif

@@ -1,5 +1,6 @@
 #include "name_list.h"
 
+#include "heap.h"
 #include "tracersc.h"
 
 #include <cerrno>
@@ -16,8 +17,7 @@ name_list_result read_name_list(const name_list_texts &texts, const char *path, 
     if (num <= 0) {
         return NAMES_NONE;
     }
-    list->slots = heap_zeroed<char>(static_cast<std::size_t>(size));
-    if (!list->slots) {
+    if (!heap_assign(&list->slots, static_cast<std::size_t>(size))) {
         trace(TRACE_ERROR, texts.pname, __LINE__, texts.pfunc, "malloc(%d) (*%s) failed. (errno=%d)", size,
               texts.slots, errno);
         return NAMES_NO_MEMORY;
@@ -25,7 +25,7 @@ name_list_result read_name_list(const name_list_texts &texts, const char *path, 
     if (texts.tells_memory) {
         trace(TRACE_DEBUG, texts.pname, __LINE__, texts.pfunc, "malloc(%d) (%s) success.", size, texts.slots);
     }
-    *ret = xmllib_enum_value(path, list->slots.get(), &size);
+    *ret = xmllib_enum_value(path, list->slots.data(), &size);
     if (*ret != QOR_XMLERR_SUCCESS) {
         trace(TRACE_ERROR, texts.pname, __LINE__, texts.pfunc, "xmllib_enum_value(%s) failed. (ret=%d)", path,
               *ret);

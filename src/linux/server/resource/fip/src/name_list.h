@@ -2,14 +2,13 @@
 #ifndef NAME_LIST_H
 #define NAME_LIST_H
 
-#include "heap.h"
-
 #include "qorxml.h"
 
 #include <cstddef>
+#include <vector>
 
 struct name_list {
-    heap_array<char> slots;
+    std::vector<char> slots;
     int num = 0;
 
     const char *operator[](int i) const { return &slots[static_cast<std::size_t>(i) * QOR_XML_NAME_SLOT]; }

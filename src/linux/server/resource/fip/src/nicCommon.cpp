@@ -1,6 +1,5 @@
 #include "nicCommon.h"
 
-#include "netlink.h"
 #include "text.h"
 #include "tracersc.h"
 #include "unique_fd.h"
@@ -98,7 +97,7 @@ int place_unasked(const vdevinfo &dev, int ifindex)
     nl_request message;
     nl_begin(&message, RTM_NEWADDR, NLM_F_CREATE | NLM_F_EXCL, body);
     nl_add(&message, IFA_LOCAL, dev.nipel6.addr);
-    const int err = nl_open(&kernel, 0);
+    const int err = nic_open_netlink(&kernel, 0);
     return err != 0 ? err : nl_exchange(&kernel, &message, &answer);
 }
 
@@ -219,6 +218,15 @@ int nic_ipck(const char *paddr)
     const bool is_ipv6 = paddr[strcspn(paddr, ":%")] == ':';
     TRACE(TRACE_DEBUG, is_ipv6 ? "IPv6 address." : "IPv4 address.");
     return is_ipv6 ? 1 : 0;
+}
+
+int nic_open_netlink(nl_socket *nl, unsigned groups)
+{
+    const int err = nl_open(nl, groups);
+    if (err != 0) {
+        TRACE_AS("nl_open", TRACE_ERROR, "netlink socket failed.(errno=%d)", err);
+    }
+    return err;
 }
 
 const char *nic_device_name(const vdevinfo &dev)

@@ -1,11 +1,13 @@
-/// The kernel's side of the network: interface records, the inventory, the choice between kernel and
-/// ifconfig, and addresses added and removed by ioctl (netdevice(7)).
+/// The kernel's side of the network: interface records, and addresses added and removed by ioctl
+/// (netdevice(7)).
 #ifndef NICCOMMON_H
 #define NICCOMMON_H
 
-#include <atomic>
+#include "rtnetlink.h"
+
 #include <cstdint>
 #include <netinet/in.h>
+#include <vector>
 
 /// Numeric IPv4 address and netmask, network byte order.
 struct nipel {
@@ -30,16 +32,17 @@ struct sipel {
 enum { MAC_SIZE = 20 };
 
 /// One row of an inventory: an interface and one of its addresses. What a row does not have is zero or empty.
-/// An inventory is a heap array of rows (free(3)) and a count; who asked for it owns it.
 struct ipaddrinfo {
     char ifname[32];    ///< alias included
-    unsigned int index; ///< position in the array, from 0
+    unsigned int index; ///< position in the inventory, from 0
     struct nipel nipel;
     struct nipel6 nipel6;
     struct sipel sipel;
     char smac[64]; ///< hardware address as text, in the form of the inventory's source
     unsigned char macaddr[MAC_SIZE];
 };
+
+using inventory = std::vector<ipaddrinfo>;
 
 /// The device that carries, or is to carry, the floating address.
 struct vdevinfo {
@@ -53,7 +56,7 @@ struct vdevinfo {
     unsigned char macaddr[MAC_SIZE];
 };
 
-/// Status codes of this file; the agent's own are in fip.h.
+/// Status codes of the kernel's side, nicInventory and nicLayout included; the agent's own are in fip.h.
 enum nic_code {
     NIC_SUCCESS = 0,
     NIC_ERR_MEMORY = 2,          ///< no memory
@@ -76,43 +79,11 @@ enum nic_code {
     NIC_ERR_NAME = 23            ///< the name is none that an address can be changed under
 };
 
-/// 1: inventory and address changes go through the ifconfig command, 0: through the kernel.
-extern int IsIfconfig;
-
-/// End flag of the detection worker.
-extern std::atomic<int> nic_actthend;
-
-/// Decides whether the ifconfig command is used: it is when it is on the search path and prints the older
-/// layout ("inet addr:ADDRESS"), which is the one that can be parsed.
-///
-/// @param pIsIfconfig  set to 1 when the command is used, else to 0
-/// @param ifconfuse  non-zero: don't look, the kernel interfaces are wanted
-/// @param ifconfout  time-out, seconds
-/// @return 0 when the detection ran to its end, whatever it found, or was not wanted; NIC_ERR_THREAD;
-///         NIC_ERR_TIMEOUT; NIC_ERR_MEMORY; the error number of a failed join when the worker found no use
-///         for the command
-[[nodiscard]] int nic_chk_isifconfig(int *pIsIfconfig, int ifconfuse, int ifconfout);
-
-/// The detection worker. Writes 0, NIC_ERR_OPEN, NIC_ERR_WHICH, NIC_ERR_ABSENT or NIC_ERR_LAYOUT into the int
-/// at parg, then sets nic_actthend.
-void *nic_cmd_chk(void *parg);
-
-/// What one line of "ifconfig -a" tells about the layout.
-enum nic_layout { NIC_LAYOUT_OPEN, NIC_LAYOUT_OLDER, NIC_LAYOUT_NEWER };
-
-/// Looks at one line, cut at its last newline; the line is taken apart in place.
-[[nodiscard]] nic_layout nic_scan_layout(char *line);
-
-/// Takes the inventory from the kernel (getifaddrs(3)): a row per IPv4 and IPv6 address in the kernel's
-/// order, without those of "lo".
-///
-/// @param ipaddrlist  receives the rows on success
-/// @param num         receives their number once that is known
-/// @return 0, NIC_ERR_MEMORY, NIC_ERR_NOADDR, NIC_ERR_GETIFADDRS
-[[nodiscard]] int nic_get_all_info(ipaddrinfo **ipaddrlist, int *num);
-
 /// Tells an address text's family: 1 for IPv6, 0 for IPv4. A ':' behind a '%' belongs to an alias.
 [[nodiscard]] int nic_ipck(const char *paddr);
+
+/// Opens a socket of rtnetlink, with a line in the trace when that fails. @return as nl_open
+[[nodiscard]] int nic_open_netlink(nl_socket *nl, unsigned groups);
 
 /// The name that the record's address stands under, or is to stand under.
 [[nodiscard]] const char *nic_device_name(const vdevinfo &dev);

@@ -1,4 +1,5 @@
-#include "nicCommon.h"
+#include "nicInventory.h"
+#include "heap.h"
 #include "text.h"
 #include "tracersc.h"
 
@@ -6,7 +7,6 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <ifaddrs.h>
 #include <linux/if_packet.h>
@@ -47,16 +47,16 @@ void fill_ipv6(ipaddrinfo *row, const ifaddrs &entry)
     }
 }
 
-void fill_rows(const ifaddrs *list, ipaddrinfo *rows)
+void fill_rows(const ifaddrs *list, inventory *rows)
 {
-    unsigned int index = 0;
     for (const ifaddrs *entry = list; entry != nullptr; entry = entry->ifa_next) {
         if (!is_row(*entry)) {
             continue;
         }
-        ipaddrinfo *row = &rows[index];
+        const auto index = static_cast<unsigned>(rows->size());
+        ipaddrinfo *row = &rows->emplace_back();
         copy_text(row->ifname, entry->ifa_name);
-        row->index = index++;
+        row->index = index;
         if (entry->ifa_addr->sa_family == AF_INET) {
             fill_ipv4(row, *entry);
         } else {
@@ -66,7 +66,7 @@ void fill_rows(const ifaddrs *list, ipaddrinfo *rows)
 }
 
 /// Gives the rows of one interface its hardware address; rows that have one keep it.
-void set_mac(ipaddrinfo *rows, int num, const ifaddrs &entry)
+void set_mac(inventory *rows, const ifaddrs &entry)
 {
     const auto *sll = reinterpret_cast<const sockaddr_ll *>(entry.ifa_addr);
     // An address longer than sll_addr runs on behind it, in room that getifaddrs(3) keeps for it.
@@ -76,30 +76,29 @@ void set_mac(ipaddrinfo *rows, int num, const ifaddrs &entry)
     for (std::size_t i = 0; i < len; ++i) {
         snprintf(&text[2 * i], 3, "%02X", bytes[i]);
     }
-    for (int i = 0; i < num; ++i) {
-        ipaddrinfo *row = &rows[i];
-        const std::size_t base = base_length(row->ifname);
-        if (row->smac[0] == '\0' && strlen(entry.ifa_name) == base &&
-            strncmp(row->ifname, entry.ifa_name, base) == 0) {
-            copy_text(row->smac, text);
-            memcpy(row->macaddr, bytes, len);
+    for (ipaddrinfo &row : *rows) {
+        const std::size_t base = base_length(row.ifname);
+        if (row.smac[0] == '\0' && strlen(entry.ifa_name) == base &&
+            strncmp(row.ifname, entry.ifa_name, base) == 0) {
+            copy_text(row.smac, text);
+            memcpy(row.macaddr, bytes, len);
         }
     }
 }
 
-void fill_macs(const ifaddrs *list, ipaddrinfo *rows, int num)
+void fill_macs(const ifaddrs *list, inventory *rows)
 {
     for (const ifaddrs *entry = list; entry != nullptr; entry = entry->ifa_next) {
         if (entry->ifa_addr != nullptr && entry->ifa_addr->sa_family == AF_PACKET &&
             strcmp(entry->ifa_name, "lo") != 0) {
-            set_mac(rows, num, *entry);
+            set_mac(rows, *entry);
         }
     }
 }
 
-int build_rows(const char *self, const ifaddrs *list, ipaddrinfo **ipaddrlist, int *num)
+int build_rows(const char *self, const ifaddrs *list, inventory *ipaddrlist)
 {
-    int count = 0;
+    std::size_t count = 0;
     for (const ifaddrs *entry = list; entry != nullptr; entry = entry->ifa_next) {
         count += is_row(*entry) ? 1 : 0;
     }
@@ -107,23 +106,21 @@ int build_rows(const char *self, const ifaddrs *list, ipaddrinfo **ipaddrlist, i
         TRACE_AS(self, TRACE_ERROR, "no ip address found.");
         return NIC_ERR_NOADDR;
     }
-    *num = count;
-    const std::size_t bytes = static_cast<std::size_t>(count) * sizeof(ipaddrinfo);
-    auto *rows = static_cast<ipaddrinfo *>(calloc(1, bytes));
-    if (rows == nullptr) {
-        TRACE_AS(self, TRACE_ERROR, "malloc(%d) failed. (errno=%d)", static_cast<int>(bytes), errno);
+    const auto bytes = static_cast<int>(count * sizeof(ipaddrinfo));
+    ipaddrlist->clear();
+    if (!heap_reserve(ipaddrlist, count)) {
+        TRACE_AS(self, TRACE_ERROR, "malloc(%d) failed. (errno=%d)", bytes, errno);
         return NIC_ERR_MEMORY;
     }
-    TRACE_AS(self, TRACE_DEBUG, "malloc(%d) succeeded.", static_cast<int>(bytes));
-    fill_rows(list, rows);
-    fill_macs(list, rows, count);
-    *ipaddrlist = rows;
+    TRACE_AS(self, TRACE_DEBUG, "malloc(%d) succeeded.", bytes);
+    fill_rows(list, ipaddrlist);
+    fill_macs(list, ipaddrlist);
     return NIC_SUCCESS;
 }
 
 } // namespace
 
-int nic_get_all_info(ipaddrinfo **ipaddrlist, int *num)
+int nic_get_all_info(inventory *ipaddrlist)
 {
     TRACE(TRACE_DEBUG, "nic_get_all_info()  ENTRY...");
     ifaddrs *head = nullptr;
@@ -133,7 +130,7 @@ int nic_get_all_info(ipaddrinfo **ipaddrlist, int *num)
     } else {
         TRACE(TRACE_DEBUG, "getifaddrs() succeeded.");
         const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> list(head, freeifaddrs);
-        ret = build_rows(__func__, list.get(), ipaddrlist, num);
+        ret = build_rows(__func__, list.get(), ipaddrlist);
     }
     TRACE(TRACE_DEBUG, "return(%d)", ret);
     return ret;

@@ -1,7 +1,7 @@
 // Which layout ifconfig prints: the older one can be parsed, and then the command is used for everything.
 
+#include "nicLayout.h"
 #include "command.h"
-#include "nicCommon.h"
 #include "text.h"
 #include "tracersc.h"
 #include "worker.h"
@@ -126,9 +126,15 @@ int nic_chk_isifconfig(int *pIsIfconfig, int ifconfuse, int ifconfout)
     if (ifconfuse != 0) {
         return NIC_SUCCESS;
     }
-    static constexpr worker_texts texts = {trace_source,  "nic_chk_isifconfig",          "nic_cmd_chk",
-                                           "nic_cmd_chk", "thread timeout nic_cmd_chk.", NIC_ERR_TIMEOUT,
-                                           false};
+    static constexpr worker_texts texts = {
+        .pname = trace_source,
+        .pfunc = "nic_chk_isifconfig",
+        .worker = "nic_cmd_chk",
+        .create_failed = "nic_cmd_chk",
+        .timeout = "thread timeout nic_cmd_chk.",
+        .timeout_code = NIC_ERR_TIMEOUT,
+        .always_returned = false,
+    };
     const worker_limits limits = {detection_poll_us, ifconfout * detection_polls_per_s};
     const auto chkret = std::make_shared<int>(NIC_ERR_LAYOUT);
     int join_ret = 0;

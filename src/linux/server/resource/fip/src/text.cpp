@@ -1,31 +1,7 @@
 #include "text.h"
 
-#include <cstdarg>
-#include <cstdio>
 #include <cstring>
-
-bool copy_part(char *dst, std::size_t size, const char *src, std::size_t len)
-{
-    const std::size_t have = strnlen(src, len);
-    const std::size_t take = have < size ? have : size - 1;
-    memcpy(dst, src, take);
-    memset(dst + take, 0, size - take);
-    return take == have;
-}
-
-bool copy_text(char *dst, std::size_t size, const char *src)
-{
-    return copy_part(dst, size, src, strlen(src));
-}
-
-bool format_text(char *dst, std::size_t size, const char *fmt, ...)
-{
-    va_list args;
-    va_start(args, fmt);
-    const int len = vsnprintf(dst, size, fmt, args);
-    va_end(args);
-    return len >= 0 && static_cast<std::size_t>(len) < size;
-}
+#include <string>
 
 std::size_t base_length(const char *ifname)
 {
@@ -35,6 +11,18 @@ std::size_t base_length(const char *ifname)
 bool has_white_space(const char *text)
 {
     return text[strcspn(text, " \t\n\v\f\r")] != '\0';
+}
+
+void fill_path(char *path, std::size_t size, const char *pattern, std::initializer_list<const char *> names)
+{
+    std::string filled;
+    const auto *name = names.begin();
+    for (const char *gap = strstr(pattern, "%s"); gap != nullptr; gap = strstr(pattern, "%s")) {
+        filled.append(pattern, gap);
+        filled += name != names.end() ? *name++ : "";
+        pattern = gap + strlen("%s");
+    }
+    copy_text(path, size, (filled + pattern).c_str());
 }
 
 void fip_chop(char *str)

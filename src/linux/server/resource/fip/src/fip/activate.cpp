@@ -2,17 +2,17 @@
 
 #include "../text.h"
 #include "../unique_fd.h"
+#include "address_change.h"
 #include "arp.h"
 #include "inventory.h"
-#include "ipaddr.h"
-#include "miiw.h"
+#include "link_check.h"
 #include "nd.h"
 #include "ping.h"
-#include "platform.h"
 #include "record.h"
-#include "source.h"
 #include "srcip.h"
+#include "suite_state.h"
 #include "target.h"
+#include "trace_source.h"
 
 #include "qoripc.h"
 
@@ -26,12 +26,11 @@ constexpr char self[] = "fip_start_act";
 
 /// The state of one activation, handed from step to step.
 struct activation {
-    FIP_INFO *info;
-    inventory_rows rows;
-    int rownum = 0;
+    FIP_INFO *info = nullptr;
+    inventory rows;
     vdevinfo target = {};
-    unique_fd link_socket = unique_fd(); ///< what the link is asked through
-    bool asked = false;                  ///< the duplicate-address check found nobody, or was overridden
+    unique_fd link_socket; ///< what the link is asked through
+    bool asked = false;    ///< the duplicate-address check found nobody, or was overridden
     dad_look dad = {DAD_UNKNOWN, 0};
 };
 
@@ -75,15 +74,13 @@ bool is_trusted(const FIP_INFO &info)
 
 int take_inventory(activation *act)
 {
-    ipaddrinfo *rows = nullptr;
-    const int ret = fip_ifconfig_mkth(&rows, &act->rownum, act->info);
-    act->rows.reset(rows);
+    const int ret = fip_ifconfig_mkth(&act->rows, act->info);
     if (ret != FIP_SUCCESS) {
         TRACE_AS(self, TRACE_ERROR, "fip_ifconfig_mkth() failed. (ret=%d)", ret);
         return ret;
     }
     TRACE_AS(self, TRACE_DEBUG, "fip_ifconfig_mkth() succeeded.");
-    if (act->rownum == 0) {
+    if (act->rows.empty()) {
         TRACE_AS(self, TRACE_ERROR, "No IP address");
         fip_set_message("IP address did not exist.");
         return FIP_ERR_NOADDR;
@@ -112,7 +109,7 @@ int fill_target(activation *act)
 int refuse_present(activation *act)
 {
     const vdevinfo &target = act->target;
-    if (fip_find_row(act->rows.get(), act->rownum, target.nipel.addr, target.nipel6.addr) != nullptr) {
+    if (fip_find_row(act->rows, target.nipel.addr, target.nipel6.addr) != nullptr) {
         TRACE_AS(self, TRACE_ERROR, "Already used %s.", act->info->addr);
         fip_set_message("This ip address was already used.  IP=%s", act->info->addr);
         return FIP_ERR_INUSE;
@@ -122,7 +119,7 @@ int refuse_present(activation *act)
 
 int choose_device(activation *act)
 {
-    const int ret = fip_crt_vdevinfo(act->rows.get(), act->rownum, &act->target);
+    const int ret = fip_crt_vdevinfo(act->rows, &act->target);
     if (ret != FIP_SUCCESS) {
         TRACE_AS(self, TRACE_ERROR, "fip_crt_vdevinfo() failed. (ret=%d)", ret);
         return ret;
@@ -136,7 +133,7 @@ int check_source(activation *act)
     if (!uses_source_routing(*act->info)) {
         return FIP_SUCCESS;
     }
-    const int ret = fip_srcip_check(act->rows.get(), act->rownum, &act->target, act->info->rscname);
+    const int ret = fip_srcip_check(act->rows, &act->target, act->info->rscname);
     if (ret == FIP_ERR_INUSE) {
         TRACE_AS(self, TRACE_ERROR, "A source IP address was already attached %s.", act->target.ifname);
         fip_set_message("The device has another IP address specified as the transmission source.  Device=%s",
@@ -396,7 +393,8 @@ void undo_steps(activation *act, const step *failed)
 int activate(FIP_INFO *info, bool asked)
 {
     const ifconfig_section section(!is_trusted(*info));
-    activation act{info, nullptr};
+    activation act;
+    act.info = info;
     act.asked = asked;
     for (const step &next : steps) {
         const int ret = fip_bound_memory([&next, &act] { return next.run(&act); });

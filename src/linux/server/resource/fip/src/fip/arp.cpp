@@ -3,7 +3,7 @@
 #include "../fip.h"
 #include "../text.h"
 #include "../unique_fd.h"
-#include "source.h"
+#include "trace_source.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -115,13 +115,9 @@ int announce(const vdevinfo &dev, const ifaddrs &entry, int count, int opcode)
     TRACE_AS(self, TRACE_DEBUG, "make_arp()  completes...pktsz = %d, dstsz = %d", static_cast<int>(pktsz),
              static_cast<int>(dstsz));
 
-    const std::unique_ptr<void, decltype(&free)> dst(malloc(dstsz), free);
-    if (!dst) {
-        TRACE_AS(self, TRACE_ERROR, "malloc failed. (errno=%d)", errno);
-        return fip_internal_error(FIP_ERR_MEMORY);
-    }
-    memcpy(dst.get(), entry.ifa_broadaddr, dstsz);
-    static_cast<sockaddr_ll *>(dst.get())->sll_protocol = htons(ETHERTYPE_ARP);
+    alignas(sockaddr_ll) unsigned char dst[sizeof(sockaddr_ll) + MAC_SIZE];
+    memcpy(dst, entry.ifa_broadaddr, dstsz);
+    reinterpret_cast<sockaddr_ll *>(dst)->sll_protocol = htons(ETHERTYPE_ARP);
 
     unique_fd sock(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (sock.fd < 0) {
@@ -130,7 +126,7 @@ int announce(const vdevinfo &dev, const ifaddrs &entry, int count, int opcode)
     }
     const timeval limit = {send_limit_s, 0};
     setsockopt(sock.fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
-    const int ret = send_packets(sock.fd, pkt, pktsz, dst.get(), dstsz, count);
+    const int ret = send_packets(sock.fd, pkt, pktsz, dst, dstsz, count);
     left_socket.reset(std::exchange(sock.fd, -1));
     return ret;
 }

@@ -23,8 +23,8 @@ enum { ARP_PACKET_SIZE = 256 };
 /// Broadcasts `count` such packets through the target's interface, and records the interface's hardware
 /// address in the record as soon as it is known.
 /// @return 0; FIP_ERR_IFLIST; FIP_ERR_NODEV when there is no such interface, or it has no hardware address,
-///         no broadcast address, or a hardware address longer than MAC_SIZE; FIP_ERR_MEMORY;
-///         FIP_ERR_SOCKET; FIP_ERR_SEND. All but the missing or overlong addresses leave a result message.
+///         no broadcast address, or a hardware address longer than MAC_SIZE; FIP_ERR_SOCKET;
+///         FIP_ERR_SEND. All but the missing or overlong addresses leave a result message.
 [[nodiscard]] int fip_send_arp(vdevinfo *pvdevinfo, int count, int opcode);
 
 /// Leaves it to the kernel to close the announcement's socket, which would take 10 ms. For the very end of

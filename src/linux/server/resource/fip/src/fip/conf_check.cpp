@@ -4,9 +4,9 @@
 #include "../chkutil.h"
 #include "../fip.h"
 #include "../text.h"
-#include "address.h"
+#include "address_text.h"
 #include "config.h"
-#include "source.h"
+#include "trace_source.h"
 
 #include "qorxml.h"
 
@@ -23,8 +23,16 @@ constexpr char check_name[] = "fip_conf_check";
 enum { COMMENT_SIZE = 128 };
 
 constexpr property properties[] = {
-    {"IP Address", QOR_XMLTYPE_TEXT, FIP_ADDRARG_SIZE, "/root/resource/fip@%s/parameters/ip",
-     "/root/resource/fip@%s/server@%s/parameters/ip", fip_fipaddr_check, fip_fipaddr_check, 0},
+    {
+        .name = "IP Address",
+        .type = QOR_XMLTYPE_TEXT,
+        .size = FIP_ADDRARG_SIZE,
+        .commonpath = "/root/resource/fip@%s/parameters/ip",
+        .specialpath = "/root/resource/fip@%s/server@%s/parameters/ip",
+        .commoncheckfunc = fip_fipaddr_check,
+        .specialcheckfunc = fip_fipaddr_check,
+        .required = 0,
+    },
 };
 
 constexpr numeric_param params[] = {
@@ -79,16 +87,17 @@ int load_file(const char *file, bool whole)
 }
 
 /// Writes a row of the table that takes one text.
-int write_finding(logindex row, const char *value)
+template <logindex row>
+int write_finding(const char *value)
 {
     chk_log_write(CHK_LEVEL_ERROR, logtbl[row].index, logtbl[row].msg, value);
     return CHK_FINDING;
 }
 
-bool exists(const char *format, const char *name)
+bool exists(const char *pattern, const char *name)
 {
     char path[FIP_PATH_SIZE];
-    format_path(path, format, name, "");
+    fill_path(path, pattern, {name});
     int value = 0;
     int size = sizeof(value);
     return xmllib_get_value(path, QOR_XMLTYPE_INT, &value, &size) != QOR_XMLERR_NOTEXIST_PATH;
@@ -186,7 +195,7 @@ int fip_load_chkconf()
     if (ret == QOR_XMLERR_SUCCESS) {
         TRACE(TRACE_DEBUG, "load %s success", file);
     }
-    return ret;
+    return fip_library_status(ret);
 }
 
 void fip_unload_chkconf()
@@ -248,21 +257,21 @@ int fip_fipaddr_check(const char *address)
     FIP_INFO info = {};
     const int ret = fip_div_ipmask(address, info.addr, info.mask, &info.masklen, info.ifname);
     if (ret == FIP_ERR_MASK || info.masklen < 0) {
-        return write_finding(CHK_ID_MASK_ERR, address);
+        return write_finding<CHK_ID_MASK_ERR>(address);
     }
     if (ret == FIP_ERR_IPFORMAT) {
-        return write_finding(CHK_ID_IPFOMAT_ERR, address);
+        return write_finding<CHK_ID_IPFOMAT_ERR>(address);
     }
     if (ret == FIP_ERR_IFNAME) {
-        return write_finding(CHK_ID_NIC_ERR, address);
+        return write_finding<CHK_ID_NIC_ERR>(address);
     }
     if (info.addr[0] == '\0') {
-        return write_finding(CHK_ID_EMPTY_ERR, "IP address");
+        return write_finding<CHK_ID_EMPTY_ERR>("IP address");
     }
     in_addr addr = {};
     in6_addr addr6 = {};
     if (!fip_parse_addr(info.addr, &addr, &addr6)) {
-        return write_finding(CHK_ID_IPADDR_ERR, info.addr);
+        return write_finding<CHK_ID_IPADDR_ERR>(info.addr);
     }
     return 0;
 }

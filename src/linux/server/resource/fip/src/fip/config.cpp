@@ -2,8 +2,8 @@
 
 #include "../text.h"
 #include "../value.h"
-#include "address.h"
-#include "source.h"
+#include "address_text.h"
+#include "trace_source.h"
 
 #include "qorxml.h"
 
@@ -289,7 +289,7 @@ int fip_xml_get_path(const char *type, const char *path, char *buffer, int *size
         }
         return FIP_ERR_VALUE;
     }
-    return policy.unload();
+    return fip_library_status(policy.unload());
 }
 
 int fip_xml_get_address(FIP_INFO *pfipinfo)

@@ -1,12 +1,12 @@
 #include "deactivate.h"
 
 #include "../text.h"
+#include "address_change.h"
 #include "inventory.h"
-#include "ipaddr.h"
 #include "ping.h"
-#include "platform.h"
 #include "record.h"
-#include "source.h"
+#include "suite_state.h"
+#include "trace_source.h"
 
 namespace
 {
@@ -16,9 +16,8 @@ constexpr char self[] = "fip_start_deact";
 
 /// The state of one deactivation.
 struct deactivation {
-    FIP_INFO *info;
-    inventory_rows rows; ///< the latest inventory
-    int rownum = 0;
+    FIP_INFO *info = nullptr;
+    inventory rows; ///< the latest
     in_addr addr = {};
     in6_addr addr6 = {};
     vdevinfo target = {};
@@ -28,17 +27,13 @@ struct deactivation {
 /// Replaces the inventory by a new one.
 int take_inventory(deactivation *deact)
 {
-    deact->rows.reset();
-    deact->rownum = 0;
-    ipaddrinfo *rows = nullptr;
-    const int ret = fip_ifconfig_mkth(&rows, &deact->rownum, deact->info);
-    deact->rows.reset(rows);
-    return ret;
+    deact->rows.clear();
+    return fip_ifconfig_mkth(&deact->rows, deact->info);
 }
 
 const ipaddrinfo *find_address(const deactivation &deact)
 {
-    return fip_find_row(deact.rows.get(), deact.rownum, deact.addr, deact.addr6);
+    return fip_find_row(deact.rows, deact.addr, deact.addr6);
 }
 
 /// Fills the target, and the record's ifname, from the row that carries the address.
@@ -67,7 +62,7 @@ int locate(deactivation *deact)
         return ret;
     }
     TRACE_AS(self, TRACE_DEBUG, "fip_ifconfig_mkth() succeeded.");
-    if (deact->rownum == 0) {
+    if (deact->rows.empty()) {
         TRACE_AS(self, TRACE_ERROR, "No IP address.");
         fip_set_message("IP address did not exist.");
         return FIP_ERR_NOADDR;
@@ -107,7 +102,7 @@ int look_again(deactivation *deact, bool *gone)
         TRACE_AS(self, TRACE_ERROR, "deact check fip_ifconfig_mkth() failed. (ret=%d)", ret);
         return ret;
     }
-    if (deact->rownum == 0) {
+    if (deact->rows.empty()) {
         TRACE_AS(self, TRACE_ERROR, "deact check No IP address.");
     }
     *gone = find_address(*deact) == nullptr;
@@ -194,7 +189,8 @@ constexpr int (*steps[])(deactivation *) = {
 int deactivate(FIP_INFO *info)
 {
     const ifconfig_section section(!is_trusted());
-    deactivation deact{info, nullptr};
+    deactivation deact;
+    deact.info = info;
     for (const auto step : steps) {
         const int ret = fip_bound_memory([step, &deact] { return step(&deact); });
         if (ret != FIP_SUCCESS || deact.absent) {

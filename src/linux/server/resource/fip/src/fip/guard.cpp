@@ -1,9 +1,8 @@
 #include "guard.h"
 
-#include "../netlink.h"
 #include "../text.h"
 #include "arp.h"
-#include "source.h"
+#include "trace_source.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -62,7 +61,8 @@ void each_route(const nl_list &list, int ifindex, F take)
 {
     for (const nlmsghdr *it = nl_first(list); it != nullptr; it = nl_next(list, it)) {
         nl_route route = {};
-        if (nl_read_route(it, &route) && route.type == RTN_UNICAST && route.ifindex == ifindex) {
+        if (nl_read_route(it, &route) && route.family == AF_INET && route.type == RTN_UNICAST &&
+            route.ifindex == ifindex) {
             take(it, route);
         }
     }
@@ -90,7 +90,7 @@ int list_routes(nl_socket *kernel, int ifindex, nl_list *list)
 /// Finds the address, and what its removal puts at risk. 0, or an error number.
 int look(removal *work, in_addr addr)
 {
-    int err = nl_open(&work->kernel, 0);
+    int err = nic_open_netlink(&work->kernel, 0);
     if (err == 0) {
         err = list_addresses(&work->kernel, &work->addresses);
     }
@@ -129,10 +129,11 @@ int remove_alone(removal *work)
     nl_repeat(&request, RTM_DELADDR, NLM_F_ECHO, work->own);
     // The kernel tells of all at once, before the first can be taken: some 1 KiB of its memory for each
     // message.
-    const int room = static_cast<int>(std::min<std::size_t>(16 * work->addresses.size, INT_MAX / 4)) + 65'536;
+    const int room =
+        static_cast<int>(std::min<std::size_t>(16 * work->addresses.bytes.size(), INT_MAX / 4)) + 65'536;
     setsockopt(work->kernel.sock.fd, SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof(room));
     // Room for what may go with it is taken before: afterwards the kernel does not know it any more.
-    return nl_reserve(&work->dropped, work->addresses.size)
+    return nl_reserve(&work->dropped, work->addresses.bytes.size())
                ? nl_exchange(&work->kernel, &request, &work->dropped)
                : ENOMEM;
 }
@@ -335,7 +336,7 @@ void put_back(removal *work)
                          back.push_back(address);
                      }
                  });
-    if (work->routes.size != 0) {
+    if (!work->routes.bytes.empty()) {
         put_back_routes(work);
     }
     // Last, for a packet may have to wait for its device, and so would all that is still missing.

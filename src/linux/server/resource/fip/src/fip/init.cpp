@@ -3,8 +3,8 @@
 #include "../fip.h"
 #include "build_stamp.h"
 #include "config.h"
-#include "log.h"
-#include "source.h"
+#include "trace_setup.h"
+#include "trace_source.h"
 
 #include <cstdio>
 #include <unistd.h>

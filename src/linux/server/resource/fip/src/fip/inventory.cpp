@@ -1,62 +1,56 @@
 #include "inventory.h"
 
 #include "../command.h"
+#include "../heap.h"
+#include "../nicInventory.h"
+#include "../nicLayout.h"
 #include "../text.h"
-#include "address.h"
-#include "source.h"
+#include "address_text.h"
+#include "trace_source.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cctype>
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <utility>
 
 namespace
 {
 
 constexpr char self[] = "fip_get_ipaddrlist";
 constexpr char separators[] = " \t\n";
-constexpr int row_step = 16;
+constexpr std::size_t row_step = 16;
 /// More rows than any node has: a command that prints headers without end must not eat the memory.
-constexpr int max_rows = 65'536;
+constexpr std::size_t max_rows = 65'536;
 
-/// Makes room for one more row; rows come in steps, zeroed.
-int make_room(inventory_reader *reader)
+/// Makes room for one more row. The trace tells of rows in steps; in memory the room doubles, so that rows
+/// without end are not copied again and again.
+int make_room(inventory *rows)
 {
-    if (reader->num % row_step != 0) {
+    if (rows->size() % row_step != 0) {
         return FIP_SUCCESS;
     }
-    const auto step_bytes = row_step * sizeof(ipaddrinfo);
-    const bool first = reader->num == 0;
-    const auto bytes = static_cast<std::size_t>(reader->num) * sizeof(ipaddrinfo) + step_bytes;
-    const char *call = first ? "malloc" : "realloc";
-    ipaddrinfo *grown = nullptr;
+    constexpr auto step_bytes = static_cast<int>(row_step * sizeof(ipaddrinfo));
+    const char *call = rows->empty() ? "malloc" : "realloc";
+    const std::size_t wanted = rows->size() + row_step;
     errno = ENOMEM;
-    if (reader->num < max_rows) {
-        grown = static_cast<ipaddrinfo *>(first ? malloc(bytes) : realloc(reader->rows.get(), bytes));
-    }
-    if (grown == nullptr) {
-        TRACE_AS(self, TRACE_ERROR, "%s(%d) failed. (errno=%d)", call, static_cast<int>(step_bytes), errno);
+    if (rows->size() >= max_rows ||
+        (wanted > rows->capacity() && !heap_reserve(rows, std::max(wanted, 2 * rows->capacity())))) {
+        TRACE_AS(self, TRACE_ERROR, "%s(%d) failed. (errno=%d)", call, step_bytes, errno);
         return fip_internal_error(FIP_ERR_MEMORY);
     }
-    static_cast<void>(reader->rows.release());
-    reader->rows.reset(grown);
-    memset(static_cast<void *>(&grown[reader->num]), 0, step_bytes);
-    TRACE_AS(self, TRACE_DEBUG, "%s(%d) succeeded.", call, static_cast<int>(step_bytes));
+    TRACE_AS(self, TRACE_DEBUG, "%s(%d) succeeded.", call, step_bytes);
     return FIP_SUCCESS;
 }
 
-ipaddrinfo *add_row(inventory_reader *reader)
+ipaddrinfo *add_row(inventory *rows)
 {
-    ipaddrinfo *row = &reader->rows[static_cast<std::size_t>(reader->num)];
-    row->index = static_cast<unsigned>(reader->num);
-    ++reader->num;
+    const auto index = static_cast<unsigned>(rows->size());
+    ipaddrinfo *row = &rows->emplace_back();
+    row->index = index;
     return row;
-}
-
-ipaddrinfo *last_row(const inventory_reader &reader)
-{
-    return &reader.rows[static_cast<std::size_t>(reader.num) - 1];
 }
 
 /// The text behind a prefix that is compared without regard to case, or null.
@@ -68,7 +62,7 @@ const char *behind(const char *token, const char *prefix)
 
 int take_hwaddr(inventory_reader *reader, const char *token)
 {
-    ipaddrinfo *row = last_row(*reader);
+    ipaddrinfo *row = &reader->rows.back();
     copy_text(row->smac, token);
     const int ret = fip_crt_macaddr(token, row->macaddr);
     if (ret != FIP_SUCCESS) {
@@ -83,18 +77,18 @@ int take_hwaddr(inventory_reader *reader, const char *token)
 /// one already.
 int take_ipv6(inventory_reader *reader, const char *token)
 {
-    if (last_row(*reader)->sipel.addr[0] != '\0') {
-        const int ret = make_room(reader);
+    if (reader->rows.back().sipel.addr[0] != '\0') {
+        const int ret = make_room(&reader->rows);
         if (ret != FIP_SUCCESS) {
             return ret;
         }
-        const ipaddrinfo *before = last_row(*reader);
-        ipaddrinfo *row = add_row(reader);
-        memcpy(row->ifname, before->ifname, sizeof(row->ifname));
-        memcpy(row->smac, before->smac, sizeof(row->smac));
-        memcpy(row->macaddr, before->macaddr, sizeof(row->macaddr));
+        ipaddrinfo *row = add_row(&reader->rows);
+        const ipaddrinfo &before = reader->rows[reader->rows.size() - 2];
+        copy_text(row->ifname, before.ifname);
+        copy_text(row->smac, before.smac);
+        memcpy(row->macaddr, before.macaddr, sizeof(row->macaddr));
     }
-    ipaddrinfo *row = last_row(*reader);
+    ipaddrinfo *row = &reader->rows.back();
     bool aliased = false;
     const int ret =
         fip_split_address(token, row->sipel.addr, row->sipel.mask, &row->sipel.masklen, nullptr, &aliased);
@@ -110,7 +104,7 @@ int take_ipv6(inventory_reader *reader, const char *token)
 /// Looks at one token in IPv4 mode.
 void take_ipv4_token(inventory_reader *reader, const char *token, char **rest)
 {
-    ipaddrinfo *row = last_row(*reader);
+    ipaddrinfo *row = &reader->rows.back();
     if (strcasecmp(token, "inet") == 0) {
         token = strsep(rest, separators);
         if (token == nullptr) {
@@ -149,16 +143,15 @@ int take_ipv6_token(inventory_reader *reader, const char *token, char **rest)
     return FIP_SUCCESS;
 }
 
-void trace_rows(const ipaddrinfo *rows, int num)
+void trace_rows(const inventory &rows)
 {
-    for (int i = 0; i < num; ++i) {
-        const ipaddrinfo &row = rows[i];
+    for (const ipaddrinfo &row : rows) {
         if (ipv6flag != 0) {
-            TRACE_AS(self, TRACE_DEBUG, "[%d] if:%-8s masklen:%3d addr:%s mask:%s, mac:%s", i, row.ifname,
-                     row.sipel.masklen, row.sipel.addr, row.sipel.mask, row.smac);
+            TRACE_AS(self, TRACE_DEBUG, "[%u] if:%-8s masklen:%3d addr:%s mask:%s, mac:%s", row.index,
+                     row.ifname, row.sipel.masklen, row.sipel.addr, row.sipel.mask, row.smac);
         } else {
-            TRACE_AS(self, TRACE_DEBUG, "[%d] if:%-8s addr:%s mask:%s, mac:%s", i, row.ifname, row.sipel.addr,
-                     row.sipel.mask, row.smac);
+            TRACE_AS(self, TRACE_DEBUG, "[%u] if:%-8s addr:%s mask:%s, mac:%s", row.index, row.ifname,
+                     row.sipel.addr, row.sipel.mask, row.smac);
         }
     }
 }
@@ -189,19 +182,18 @@ int refuse_command(const char *cmdpath)
 }
 
 /// Runs the bounded worker and takes its results.
-int inventory_by_command(ipaddrinfo **ipaddrlist, int *num, const FIP_INFO *pfipinfo)
+int inventory_by_command(inventory *ipaddrlist, const FIP_INFO *pfipinfo)
 {
-    static constexpr worker_texts texts = {trace_source,
-                                           "fip_ifconfig_mkth",
-                                           "fip_cmd_popen",
-                                           "fip_cmd_popen",
-                                           "thread timeout. command :ifconfig",
-                                           FIP_ERR_TIMEOUT,
-                                           true};
-    const std::shared_ptr<IPADDR_INFO> block(new IPADDR_INFO{}, [](IPADDR_INFO *owned) {
-        free(owned->list);
-        delete owned;
-    });
+    static constexpr worker_texts texts = {
+        .pname = trace_source,
+        .pfunc = "fip_ifconfig_mkth",
+        .worker = "fip_cmd_popen",
+        .create_failed = "fip_cmd_popen",
+        .timeout = "thread timeout. command :ifconfig",
+        .timeout_code = FIP_ERR_TIMEOUT,
+        .always_returned = true,
+    };
+    const auto block = std::make_shared<IPADDR_INFO>();
     if (!copy_text(block->cmdpath, shell_word(pfipinfo->ifconfcmd).c_str())) {
         return refuse_command(block->cmdpath);
     }
@@ -209,9 +201,7 @@ int inventory_by_command(ipaddrinfo **ipaddrlist, int *num, const FIP_INFO *pfip
     if (ret != FIP_SUCCESS) {
         return ret;
     }
-    *ipaddrlist = block->list;
-    *num = block->ipaddr_num;
-    block->list = nullptr;
+    *ipaddrlist = std::move(block->list);
     return block->ret;
 }
 
@@ -271,13 +261,13 @@ int fip_read_inventory_line(inventory_reader *reader, char *line)
     const bool header = *line != '\0' && isspace(static_cast<unsigned char>(*line)) == 0;
     char *rest = line;
     if (header) {
-        const int ret = make_room(reader);
+        const int ret = make_room(&reader->rows);
         if (ret != FIP_SUCCESS) {
             return ret;
         }
-        copy_text(add_row(reader)->ifname, strsep(&rest, separators));
+        copy_text(add_row(&reader->rows)->ifname, strsep(&rest, separators));
     }
-    if (reader->num == 0) {
+    if (reader->rows.empty()) {
         return FIP_SUCCESS; // no row to fill yet
     }
     for (const char *token = strsep(&rest, separators); token != nullptr; token = strsep(&rest, separators)) {
@@ -300,7 +290,7 @@ int fip_read_inventory_line(inventory_reader *reader, char *line)
     return FIP_SUCCESS;
 }
 
-int fip_get_ipaddrlist(ipaddrinfo **ipaddrlist, int *num, char *cmdpath)
+int fip_get_ipaddrlist(inventory *ipaddrlist, char *cmdpath)
 {
     TRACE(TRACE_DEBUG, "fip_get_ipaddrlist()  ENTRY...");
     static constexpr char option[] = " -a";
@@ -324,16 +314,15 @@ int fip_get_ipaddrlist(ipaddrinfo **ipaddrlist, int *num, char *cmdpath)
     if (ret != FIP_SUCCESS) {
         return ret;
     }
-    trace_rows(reader.rows.get(), reader.num);
-    *num = reader.num;
-    *ipaddrlist = reader.rows.release();
+    trace_rows(reader.rows);
+    *ipaddrlist = std::move(reader.rows);
     return FIP_SUCCESS;
 }
 
 void *fip_cmd_popen(void *parg)
 {
     auto *block = static_cast<IPADDR_INFO *>(parg);
-    block->ret = fip_get_ipaddrlist(&block->list, &block->ipaddr_num, block->cmdpath);
+    block->ret = fip_get_ipaddrlist(&block->list, block->cmdpath);
     if (block->ret != FIP_SUCCESS) {
         TRACE(TRACE_ERROR, "fip_get_ipaddrlist() failed. (ret=%d)", block->ret);
     } else {
@@ -343,13 +332,13 @@ void *fip_cmd_popen(void *parg)
     return nullptr;
 }
 
-int fip_ifconfig_mkth(ipaddrinfo **ipaddrlist, int *num, const FIP_INFO *pfipinfo)
+int fip_ifconfig_mkth(inventory *ipaddrlist, const FIP_INFO *pfipinfo)
 {
     TRACE(TRACE_DEBUG, "fip_ifconfig_mkth()  ENTRY...");
     if (IsIfconfig != 0) {
-        return inventory_by_command(ipaddrlist, num, pfipinfo);
+        return inventory_by_command(ipaddrlist, pfipinfo);
     }
-    const int ret = nic_get_all_info(ipaddrlist, num);
+    const int ret = nic_get_all_info(ipaddrlist);
     if (ret != NIC_SUCCESS) {
         TRACE(TRACE_ERROR, "nic_get_all_info() failed. (ret(in nicCommon)=%d)", ret);
         fip_set_message("Get nic info failed.");
@@ -359,13 +348,13 @@ int fip_ifconfig_mkth(ipaddrinfo **ipaddrlist, int *num, const FIP_INFO *pfipinf
     return FIP_SUCCESS;
 }
 
-const ipaddrinfo *fip_find_row(const ipaddrinfo *rows, int num, const in_addr &addr, const in6_addr &addr6)
+const ipaddrinfo *fip_find_row(const inventory &rows, const in_addr &addr, const in6_addr &addr6)
 {
-    for (int i = 0; i < num; ++i) {
-        const bool same = ipv6flag != 0 ? memcmp(&rows[i].nipel6.addr, &addr6, sizeof(addr6)) == 0
-                                        : rows[i].nipel.addr.s_addr == addr.s_addr;
+    for (const ipaddrinfo &row : rows) {
+        const bool same = ipv6flag != 0 ? memcmp(&row.nipel6.addr, &addr6, sizeof(addr6)) == 0
+                                        : row.nipel.addr.s_addr == addr.s_addr;
         if (same) {
-            return &rows[i];
+            return &row;
         }
     }
     return nullptr;

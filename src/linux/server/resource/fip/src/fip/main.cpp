@@ -1,20 +1,20 @@
 /// The agent's entry: command line, run mode, the run, and the exit sequence that every path ends in.
 
 #include "../fip.h"
-#include "../heap.h"
+#include "../nicLayout.h"
 #include "../text.h"
 #include "../worker.h"
 #include "activate.h"
-#include "address.h"
+#include "address_text.h"
 #include "arp.h"
-#include "check_mode.h"
 #include "conf_check.h"
 #include "config.h"
 #include "deactivate.h"
 #include "init.h"
-#include "log.h"
-#include "platform.h"
-#include "source.h"
+#include "suite_state.h"
+#include "test_mode.h"
+#include "trace_setup.h"
+#include "trace_source.h"
 
 #include <cerrno>
 #include <csignal>
@@ -22,6 +22,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <unistd.h>
 
 namespace
@@ -30,7 +31,7 @@ namespace
 /// Arguments, the program's name included, below which a command line can't be complete.
 constexpr int min_argc = 4;
 
-using record = std::unique_ptr<FIP_INFO, heap_deleter>;
+using record = std::unique_ptr<FIP_INFO>;
 
 /// What a mode keyword asks for.
 struct run_mode {
@@ -59,7 +60,7 @@ int invalid_argc(int argc)
 
 int allocate_record(record *info)
 {
-    info->reset(static_cast<FIP_INFO *>(calloc(1, sizeof(FIP_INFO))));
+    info->reset(new (std::nothrow) FIP_INFO{});
     if (!*info) {
         TRACE_AS("main", TRACE_ERROR, "malloc(%d) failed. (errno=%d)", static_cast<int>(sizeof(FIP_INFO)),
                  errno);

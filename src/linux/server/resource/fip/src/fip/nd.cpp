@@ -1,7 +1,7 @@
 #include "nd.h"
 
 #include "../fip.h"
-#include "source.h"
+#include "trace_source.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -119,7 +119,7 @@ int open_sender(const vdevinfo &dev, int ifindex, unique_fd *sock)
 dad_look fip_look_dad(const vdevinfo &dev)
 {
     nl_socket kernel;
-    return nl_open(&kernel, 0) == 0 ? look(&kernel, dev) : dad_look{DAD_UNKNOWN, 0};
+    return nic_open_netlink(&kernel, 0) == 0 ? look(&kernel, dev) : dad_look{DAD_UNKNOWN, 0};
 }
 
 void fip_await_dad(const vdevinfo &dev, int timeout)
@@ -128,7 +128,7 @@ void fip_await_dad(const vdevinfo &dev, int timeout)
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeout);
     nl_socket kernel;
     nl_socket news;
-    if (nl_open(&kernel, 0) != 0 || nl_open(&news, RTMGRP_IPV6_IFADDR | RTMGRP_LINK) != 0) {
+    if (nic_open_netlink(&kernel, 0) != 0 || nic_open_netlink(&news, RTMGRP_IPV6_IFADDR | RTMGRP_LINK) != 0) {
         return;
     }
     // Each look comes after what was notified before it, so no end of DAD is missed.
@@ -161,7 +161,7 @@ int fip_send_na(const vdevinfo &dev, int count)
     TRACE(TRACE_DEBUG, "fip_send_na()  ENTRY...");
     nl_socket kernel;
     nl_link link = {};
-    int err = nl_open(&kernel, 0);
+    int err = nic_open_netlink(&kernel, 0);
     if (err == 0) {
         err = nl_get_link(&kernel, nic_device_name(dev), &link);
     }

@@ -3,8 +3,8 @@
 #ifndef FIP_ND_H
 #define FIP_ND_H
 
-#include "../netlink.h"
 #include "../nicCommon.h"
+#include "rtnetlink.h"
 
 /// Bytes of the longest advertisement: the message of RFC 4861 4.4 and an option for NL_MAC_SIZE bytes.
 enum { NA_PACKET_SIZE = 64 };

@@ -5,7 +5,7 @@
 #include "../name_list.h"
 #include "../text.h"
 #include "inventory.h"
-#include "source.h"
+#include "trace_source.h"
 
 #include "qorxml.h"
 
@@ -29,8 +29,7 @@ constexpr int tool_silent = 1;
 /// The addresses that a resource has on all servers, ready to be probed.
 struct address_list {
     name_list servers;
-    heap_array<IP_INFO> pips; ///< the common address, then each server's
-    int ipnum = 0;
+    std::vector<IP_INFO> pips; ///< the common address, then each server's
 };
 
 int probe_only(const FIP_INFO &info, int level)
@@ -42,7 +41,13 @@ int probe_only(const FIP_INFO &info, int level)
 /// Lists the servers of the resource. 0, or -1 when only the resource's own address is to be probed.
 int list_servers(const FIP_INFO &info, address_list *list)
 {
-    static constexpr name_list_texts texts = {trace_source, "fip_ping", "svnum", "servers", true};
+    static constexpr name_list_texts texts = {
+        .pname = trace_source,
+        .pfunc = "fip_ping",
+        .count = "svnum",
+        .slots = "servers",
+        .tells_memory = true,
+    };
     char path[FIP_PATH_SIZE];
     format_text(path, sizeof(path), "/root/resource/fip@%s/server", info.rscname);
     int ret = 0;
@@ -83,16 +88,15 @@ int list_addresses(FIP_INFO *info, address_list *list)
     if (list_servers(*info, list) != 0) {
         return -1;
     }
-    list->ipnum = list->servers.num + 1;
-    TRACE_AS("fip_ping", TRACE_INFO, "ipnum=%d", list->ipnum);
-    const auto bytes = static_cast<std::size_t>(list->ipnum) * sizeof(IP_INFO);
-    list->pips = heap_zeroed<IP_INFO>(bytes);
-    if (!list->pips) {
+    const int ipnum = list->servers.num + 1;
+    TRACE_AS("fip_ping", TRACE_INFO, "ipnum=%d", ipnum);
+    const auto bytes = static_cast<std::size_t>(ipnum) * sizeof(IP_INFO);
+    if (!heap_assign(&list->pips, static_cast<std::size_t>(ipnum))) {
         TRACE_AS("fip_ping", TRACE_ERROR, "malloc(%zu) (*pips) failed. (errno=%d)", bytes, errno);
         return probe_only(*info, TRACE_WARNING);
     }
     TRACE_AS("fip_ping", TRACE_DEBUG, "malloc(%zu) (pips) success.", bytes);
-    for (int i = 0; i < list->ipnum; ++i) {
+    for (int i = 0; i < ipnum; ++i) {
         char path[FIP_PATH_SIZE];
         if (i == 0) {
             format_text(path, sizeof(path), "/root/resource/fip@%s/parameters/ip", info->rscname);
@@ -107,9 +111,9 @@ int list_addresses(FIP_INFO *info, address_list *list)
     return 0;
 }
 
-int probe(PIP_INFO pips, int ipnum, bool *asked)
+int probe(std::span<IP_INFO> pips, bool *asked)
 {
-    const int ret = fip_ping_mkth(pips, ipnum, asked);
+    const int ret = fip_ping_mkth(pips, asked);
     if (ret != FIP_SUCCESS) {
         TRACE_AS("fip_ping", TRACE_ERROR, "fip_ping_mkth() failed. (ret=%d)", ret);
     }
@@ -117,30 +121,31 @@ int probe(PIP_INFO pips, int ipnum, bool *asked)
 }
 
 /// Starts a worker per block. @return the number started; *last_error is the last failed start's
-int start_workers(PIP_INFO pips, int ipnum, PFIP_THREAD_INFO pth, int *last_error)
+int start_workers(std::span<IP_INFO> pips, PFIP_THREAD_INFO pth, int *last_error)
 {
     constexpr char self[] = "fip_ping_mkth";
     int started = 0;
-    for (int i = 0; i < ipnum; ++i) {
-        const int ret = pthread_create(&pth[i].pt, nullptr, fip_ping_retry, &pips[i]);
+    for (IP_INFO &ip : pips) {
+        const int ret = pthread_create(&pth->pt, nullptr, fip_ping_retry, &ip);
         if (ret != 0) {
             TRACE_AS(self, TRACE_ERROR, "pthread_create(fip_ping_retry) failed. (ip=%s,errno=%d,ret=%d)",
-                     pips[i].addr, errno, ret);
-            pth[i].ret = FIP_ERR_THREAD;
+                     ip.addr, errno, ret);
+            pth->ret = FIP_ERR_THREAD;
             *last_error = ret;
         } else {
-            TRACE_AS(self, TRACE_DEBUG, "pthread_create(fip_ping_retry) success. (ip=%s)", pips[i].addr);
-            pth[i].ret = 0;
+            TRACE_AS(self, TRACE_DEBUG, "pthread_create(fip_ping_retry) success. (ip=%s)", ip.addr);
+            pth->ret = 0;
             ++started;
         }
+        ++pth;
     }
     return started;
 }
 
-void join_workers(PIP_INFO pips, int ipnum, PFIP_THREAD_INFO pth)
+void join_workers(std::span<IP_INFO> pips, PFIP_THREAD_INFO pth)
 {
     constexpr char self[] = "fip_ping_mkth";
-    for (int i = 0; i < ipnum; ++i) {
+    for (std::size_t i = 0; i < pips.size(); ++i) {
         if (pth[i].ret != 0) {
             continue;
         }
@@ -155,16 +160,17 @@ void join_workers(PIP_INFO pips, int ipnum, PFIP_THREAD_INFO pth)
 }
 
 /// The last worker's result that is not 0; a worker that did not start counts only when there is none.
-int combine(const IP_INFO *pips, int ipnum, const FIP_THREAD_INFO *pth)
+int combine(std::span<IP_INFO> pips, const FIP_THREAD_INFO *pth)
 {
     int result = FIP_SUCCESS;
-    for (int i = 0; i < ipnum; ++i) {
-        if (pips[i].ret != FIP_SUCCESS) {
-            result = pips[i].ret;
+    for (const IP_INFO &ip : pips) {
+        if (ip.ret != FIP_SUCCESS) {
+            result = ip.ret;
         }
-        if (pth[i].ret != 0 && result == FIP_SUCCESS) {
-            result = pth[i].ret;
+        if (pth->ret != 0 && result == FIP_SUCCESS) {
+            result = pth->ret;
         }
+        ++pth;
     }
     return result;
 }
@@ -293,21 +299,22 @@ void *fip_ping_retry(void *parg)
     return nullptr;
 }
 
-int fip_ping_mkth(PIP_INFO pips, int ipnum, bool *asked)
+int fip_ping_mkth(std::span<IP_INFO> pips, bool *asked)
 {
-    TRACE(TRACE_DEBUG, "fip_ping_mkth(%p, %d)  ENTRY...", static_cast<void *>(pips), ipnum);
-    const auto bytes = static_cast<std::size_t>(ipnum) * sizeof(FIP_THREAD_INFO);
-    heap_array<FIP_THREAD_INFO> pth = heap_zeroed<FIP_THREAD_INFO>(bytes);
-    if (!pth) {
-        TRACE(TRACE_ERROR, "malloc(%d) (pth) failed. (errno:%d)", static_cast<int>(bytes), errno);
+    TRACE(TRACE_DEBUG, "fip_ping_mkth(%p, %d)  ENTRY...", static_cast<void *>(pips.data()),
+          static_cast<int>(pips.size()));
+    const auto bytes = static_cast<int>(pips.size() * sizeof(FIP_THREAD_INFO));
+    std::vector<FIP_THREAD_INFO> pth;
+    if (!heap_assign(&pth, pips.size())) {
+        TRACE(TRACE_ERROR, "malloc(%d) (pth) failed. (errno:%d)", bytes, errno);
         return fip_internal_error(FIP_ERR_MEMORY);
     }
-    TRACE(TRACE_DEBUG, "malloc(%d) (pth) success.", static_cast<int>(bytes));
+    TRACE(TRACE_DEBUG, "malloc(%d) (pth) success.", bytes);
 
     int last_error = 0;
-    const int started = start_workers(pips, ipnum, pth.get(), &last_error);
-    join_workers(pips, ipnum, pth.get());
-    int result = started == 0 ? last_error : combine(pips, ipnum, pth.get());
+    const int started = start_workers(pips, pth.data(), &last_error);
+    join_workers(pips, pth.data());
+    int result = started == 0 ? last_error : combine(pips, pth.data());
 
     if (asked != nullptr) {
         *asked = result == FIP_SUCCESS || result == FIP_ERR_INUSE;
@@ -318,7 +325,7 @@ int fip_ping_mkth(PIP_INFO pips, int ipnum, bool *asked)
         tracemess(TRACE_EVENT, FIP_EVENT_FORCED, trace_source, __LINE__, __func__, nullptr, info.addr);
         result = FIP_SUCCESS;
     }
-    pth.reset();
+    pth = {};
     TRACE(TRACE_DEBUG, "free (pth) success.");
     if (result == FIP_ERR_INUSE) {
         fip_set_message("IP address was already used.");
@@ -334,10 +341,10 @@ int fip_ping(FIP_INFO *pinfo, bool *asked)
     if (actflag == 0 && pinfo->pingallip != 0) {
         address_list list;
         if (list_addresses(pinfo, &list) == 0) {
-            const int ret = probe(list.pips.get(), list.ipnum, asked);
-            list.servers.slots.reset();
+            const int ret = probe(list.pips, asked);
+            list.servers.slots = {};
             TRACE(TRACE_DEBUG, "free(servers) success.");
-            list.pips.reset();
+            list.pips = {};
             TRACE(TRACE_DEBUG, "free(pips) success.");
             return ret;
         }
@@ -345,5 +352,5 @@ int fip_ping(FIP_INFO *pinfo, bool *asked)
     IP_INFO ip = {};
     copy_text(ip.addr, pinfo->addr);
     ip.pinfo = pinfo;
-    return probe(&ip, 1, asked);
+    return probe({&ip, 1}, asked);
 }

@@ -5,6 +5,7 @@
 #include "../fip.h"
 
 #include <cstddef>
+#include <span>
 
 /// Events of the logging library's catalogue.
 enum fip_event {
@@ -20,10 +21,11 @@ enum fip_event {
 ///         a result message
 [[nodiscard]] int fip_ping(FIP_INFO *pinfo, bool *asked = nullptr);
 
-/// Runs one worker per block at once, joins them all, and combines their results: the last one that is not 0.
+/// Runs one worker per block, of which there is one at least, at once, joins them all, and combines their
+/// results: the last one that is not 0.
 /// @return 0; FIP_ERR_INUSE; FIP_ERR_TOOL; FIP_ERR_ABNORMAL; FIP_ERR_NOTOOL; FIP_ERR_MEMORY; FIP_ERR_THREAD
 ///         when a worker could not be started; when none could, the error number of the last start
-[[nodiscard]] int fip_ping_mkth(PIP_INFO pips, int ipnum, bool *asked = nullptr);
+[[nodiscard]] int fip_ping_mkth(std::span<IP_INFO> pips, bool *asked = nullptr);
 
 /// One worker: parg is an IP_INFO. Checks its address, and again after each failure up to pingretry times.
 void *fip_ping_retry(void *parg);

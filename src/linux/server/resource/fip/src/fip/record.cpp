@@ -3,7 +3,7 @@
 #include "../fip.h"
 #include "../text.h"
 #include "../unique_fd.h"
-#include "source.h"
+#include "trace_source.h"
 
 #include "qorhome.h"
 

@@ -7,7 +7,7 @@
 #include "../value.h"
 #include "config.h"
 #include "inventory.h"
-#include "source.h"
+#include "trace_source.h"
 
 #include "qorxml.h"
 
@@ -32,7 +32,13 @@ constexpr long ip_limit_ms = 10'000;
 
 int list_resources(name_list *resources)
 {
-    static constexpr name_list_texts texts = {trace_source, check_name, "rscnum", "resources", true};
+    static constexpr name_list_texts texts = {
+        .pname = trace_source,
+        .pfunc = check_name,
+        .count = "rscnum",
+        .slots = "resources",
+        .tells_memory = true,
+    };
     int ret = 0;
     switch (read_name_list(texts, resource_path, resources, &ret)) {
     case NAMES_READ:
@@ -95,7 +101,7 @@ bool same_base(const char *left, const char *right)
 }
 
 /// Judges one other resource.
-int check_resource(const ipaddrinfo *rows, int num, const char *ifname, const char *resource)
+int check_resource(const inventory &rows, const char *ifname, const char *resource)
 {
     int use = 0;
     int ret = read_use(resource, &use);
@@ -111,11 +117,11 @@ int check_resource(const ipaddrinfo *rows, int num, const char *ifname, const ch
     in_addr numeric = {};
     in6_addr unused = {};
     const bool known = fip_parse_host(addr, &numeric, &unused);
-    const ipaddrinfo *row = known ? fip_find_row(rows, num, numeric, unused) : nullptr;
+    const ipaddrinfo *row = known ? fip_find_row(rows, numeric, unused) : nullptr;
     if (row == nullptr) {
         return FIP_SUCCESS;
     }
-    TRACE_AS(check_name, TRACE_DEBUG, "ipaddrlist[%d]->ifname=%s", static_cast<int>(row - rows), row->ifname);
+    TRACE_AS(check_name, TRACE_DEBUG, "ipaddrlist[%u]->ifname=%s", row->index, row->ifname);
     if (!same_base(row->ifname, ifname)) {
         return FIP_SUCCESS;
     }
@@ -123,7 +129,7 @@ int check_resource(const ipaddrinfo *rows, int num, const char *ifname, const ch
     return FIP_ERR_INUSE;
 }
 
-int check_resources(const ipaddrinfo *rows, int num, const char *ifname, const char *rscname,
+int check_resources(const inventory &rows, const char *ifname, const char *rscname,
                     const name_list &resources)
 {
     if (fip_xml_load_policy(check_name, "fip") != QOR_XMLERR_SUCCESS) {
@@ -134,7 +140,7 @@ int check_resources(const ipaddrinfo *rows, int num, const char *ifname, const c
         if (strcmp(resource, rscname) == 0) {
             continue;
         }
-        const int ret = check_resource(rows, num, ifname, resource);
+        const int ret = check_resource(rows, ifname, resource);
         if (ret != FIP_SUCCESS) {
             return ret;
         }
@@ -225,8 +231,7 @@ bool fip_read_default_route(char *line, const char *ifname, char *gateway, std::
            dotted_gateway(fields[GATEWAY], gateway, size);
 }
 
-int fip_srcip_check(const ipaddrinfo *ipaddrlist, int ipaddrnum, const vdevinfo *pvdevinfo,
-                    const char *rscname)
+int fip_srcip_check(const inventory &ipaddrlist, const vdevinfo *pvdevinfo, const char *rscname)
 {
     TRACE(TRACE_DEBUG, "fip_srcip_check()  ENTRY...");
     char ifname[sizeof(pvdevinfo->ifname)];
@@ -236,9 +241,9 @@ int fip_srcip_check(const ipaddrinfo *ipaddrlist, int ipaddrnum, const vdevinfo 
     name_list resources;
     int ret = list_resources(&resources);
     if (ret == FIP_SUCCESS) {
-        ret = check_resources(ipaddrlist, ipaddrnum, ifname, rscname, resources);
+        ret = check_resources(ipaddrlist, ifname, rscname, resources);
     }
-    resources.slots.reset();
+    resources.slots = {};
     TRACE(TRACE_DEBUG, "free(resources) success.");
     fip_xml_unload_policy(__func__, "fip");
     return ret;

@@ -11,7 +11,7 @@
 /// @return 0; FIP_ERR_INUSE; FIP_ERR_NORSC when no resource is configured; FIP_ERR_MEMORY; FIP_ERR_POLICY;
 ///         FIP_ERR_ADDRESS when a value cannot be read; FIP_ERR_HOSTNAME; FIP_ERR_INTERNAL when the resources
 ///         cannot be listed
-[[nodiscard]] int fip_srcip_check(const ipaddrinfo *ipaddrlist, int ipaddrnum, const vdevinfo *pvdevinfo,
+[[nodiscard]] int fip_srcip_check(const inventory &ipaddrlist, const vdevinfo *pvdevinfo,
                                   const char *rscname);
 
 /// Makes the address the source of the interface's subnet route and, when the interface has it, of the

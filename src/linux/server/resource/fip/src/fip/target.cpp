@@ -2,9 +2,8 @@
 
 #include "../fip.h"
 #include "../text.h"
-#include "source.h"
+#include "trace_source.h"
 
-#include <algorithm>
 #include <arpa/inet.h>
 #include <bitset>
 #include <cstdio>
@@ -76,13 +75,12 @@ bool is_other_family(const ipaddrinfo &row)
 
 /// The first row that fits, or null. Names the record's interface when none was configured. Where the row is
 /// to give the netmask, too, one of the other family serves only when the interface has no other.
-const ipaddrinfo *choose_row(const ipaddrinfo *rows, int num, const char *wanted, vdevinfo *dev)
+const ipaddrinfo *choose_row(const inventory &rows, const char *wanted, vdevinfo *dev)
 {
     const bool configured = dev->ifname[0] != '\0';
     const bool masked = dev->sipel.mask[0] != '\0';
     const ipaddrinfo *maskless = nullptr;
-    for (int i = 0; i < num; ++i) {
-        const ipaddrinfo &row = rows[i];
+    for (const ipaddrinfo &row : rows) {
         if (!configured && !(ipv6flag != 0 ? fits_ipv6(row, *dev) : fits_ipv4(row, *dev))) {
             continue;
         }
@@ -143,12 +141,12 @@ void take_row(const ipaddrinfo &row, vdevinfo *dev)
 
 /// The lowest alias number of `base` that no row has, or max_aliases. One pass over the rows, however many
 /// aliases there are.
-std::size_t lowest_free_alias(const ipaddrinfo *rows, int num, const char *base)
+std::size_t lowest_free_alias(const inventory &rows, const char *base)
 {
     const std::size_t base_len = strlen(base);
     std::bitset<max_aliases> used;
-    for (int i = 0; i < num; ++i) {
-        const char *name = rows[i].ifname;
+    for (const ipaddrinfo &row : rows) {
+        const char *name = row.ifname;
         if (strncasecmp(name, base, base_len) != 0 || name[base_len] != ':') {
             continue;
         }
@@ -174,10 +172,9 @@ void trace_ipv4_target(const vdevinfo &dev)
              dev.sipel.mask, dev.bcast);
 }
 
-int use_configured_alias(const ipaddrinfo *rows, int num, vdevinfo *dev)
+int use_configured_alias(const inventory &rows, vdevinfo *dev)
 {
-    const auto listnum = static_cast<std::uint16_t>(std::min(num, static_cast<int>(UINT16_MAX)));
-    if (fip_chk_ifname(rows, listnum, dev->ifname) != 0) {
+    if (fip_chk_ifname(rows, dev->ifname) != 0) {
         TRACE_AS(self, TRACE_ERROR, "fip interface already used. [IF: %s]", dev->ifname);
         return FIP_ERR_ALIAS;
     }
@@ -193,11 +190,11 @@ int no_interface(const vdevinfo &dev)
     return FIP_ERR_NODEV;
 }
 
-int use_free_alias(const ipaddrinfo *rows, int num, const ipaddrinfo &row, vdevinfo *dev)
+int use_free_alias(const inventory &rows, const ipaddrinfo &row, vdevinfo *dev)
 {
     char base[sizeof(row.ifname)];
     copy_base(base, row.ifname);
-    const std::size_t alias = lowest_free_alias(rows, num, base);
+    const std::size_t alias = lowest_free_alias(rows, base);
     if (alias == max_aliases) {
         return no_interface(*dev);
     }
@@ -233,17 +230,17 @@ int use_unlisted(vdevinfo *dev)
 
 } // namespace
 
-int fip_chk_ifname(const ipaddrinfo *ipaddrlist, std::uint16_t listnum, const char *ifname)
+int fip_chk_ifname(const inventory &ipaddrlist, const char *ifname)
 {
-    for (std::uint16_t i = 0; i < listnum; ++i) {
-        if (strcasecmp(ipaddrlist[i].ifname, ifname) == 0) {
+    for (const ipaddrinfo &row : ipaddrlist) {
+        if (strcasecmp(row.ifname, ifname) == 0) {
             return 1;
         }
     }
     return 0;
 }
 
-int fip_crt_vdevinfo(const ipaddrinfo *ipaddrlist, int ipaddrnum, vdevinfo *pvdevinfo)
+int fip_crt_vdevinfo(const inventory &ipaddrlist, vdevinfo *pvdevinfo)
 {
     TRACE(TRACE_DEBUG, "fip_crt_vdevinfo()  ENTRY...");
     const bool configured = pvdevinfo->ifname[0] != '\0';
@@ -251,7 +248,7 @@ int fip_crt_vdevinfo(const ipaddrinfo *ipaddrlist, int ipaddrnum, vdevinfo *pvde
     copy_part(wanted, pvdevinfo->ifname, ipv6flag != 0 ? sizeof(wanted) : base_length(pvdevinfo->ifname));
     const bool alias_configured = strcmp(wanted, pvdevinfo->ifname) != 0;
 
-    const ipaddrinfo *row = choose_row(ipaddrlist, ipaddrnum, wanted, pvdevinfo);
+    const ipaddrinfo *row = choose_row(ipaddrlist, wanted, pvdevinfo);
     if (row == nullptr) {
         return configured ? use_unlisted(pvdevinfo) : no_interface(*pvdevinfo);
     }
@@ -261,6 +258,6 @@ int fip_crt_vdevinfo(const ipaddrinfo *ipaddrlist, int ipaddrnum, vdevinfo *pvde
               pvdevinfo->sipel.masklen);
         return FIP_SUCCESS;
     }
-    return alias_configured ? use_configured_alias(ipaddrlist, ipaddrnum, pvdevinfo)
-                            : use_free_alias(ipaddrlist, ipaddrnum, *row, pvdevinfo);
+    return alias_configured ? use_configured_alias(ipaddrlist, pvdevinfo)
+                            : use_free_alias(ipaddrlist, *row, pvdevinfo);
 }

@@ -1,6 +1,6 @@
 /// Puts the floating address on its interface and takes it off: by the ifconfig command, or by ioctl.
-#ifndef FIP_IPADDR_H
-#define FIP_IPADDR_H
+#ifndef FIP_ADDRESS_CHANGE_H
+#define FIP_ADDRESS_CHANGE_H
 
 #include "../fip.h"
 

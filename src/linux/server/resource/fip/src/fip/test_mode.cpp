@@ -1,4 +1,4 @@
-#include "check_mode.h"
+#include "test_mode.h"
 
 #include "../chklog.h"
 #include "../fip.h"
@@ -6,7 +6,7 @@
 #include "conf_check.h"
 #include "config.h"
 #include "init.h"
-#include "source.h"
+#include "trace_source.h"
 
 #include <cstring>
 

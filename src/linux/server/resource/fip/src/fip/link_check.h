@@ -1,9 +1,9 @@
 /// The NIC link check: is the interface's physical link up?
-#ifndef FIP_MIIW_H
-#define FIP_MIIW_H
+#ifndef FIP_LINK_CHECK_H
+#define FIP_LINK_CHECK_H
 
 /// Results of the link check; the agent uses those that are marked.
-enum __miiw_ret_val__ {
+enum miiw_result {
     MIIW_RET_SUCCESS = 0,    ///< used: the link is up
     MIIW_RET_FAIL_PARAM = 1, ///< used: no such method
     MIIW_RET_FAIL_PERMISSION = 2,
@@ -30,7 +30,7 @@ enum miiw_method {
 /// Checks the link.
 /// @param psock   a datagram socket, which stays the caller's
 /// @param ifname  passed to the kernel as it is; a name too long for the kernel fails every request
-/// @return a value of __miiw_ret_val__
+/// @return a value of miiw_result
 [[nodiscard]] int fip_miiw_ioctl(const int *psock, const char *ifname, int miiw_method);
 
 #endif

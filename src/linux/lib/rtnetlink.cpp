@@ -1,20 +1,18 @@
-#include "netlink.h"
+#include "rtnetlink.h"
 
-#include "text.h"
-#include "tracersc.h"
+#include "bounded_text.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <linux/if_link.h>
 #include <linux/ipv6.h>
+#include <new>
 #include <poll.h>
 #include <sys/socket.h>
 
 namespace
 {
-
-constexpr char trace_source[] = "src/nicCommon.c";
 
 /// How often a list is asked for that something changed under.
 constexpr int dump_attempts = 10;
@@ -43,12 +41,12 @@ void take_value(const rtattr *attr, T *value)
 
 bool append(nl_list *list, const nlmsghdr *message)
 {
-    const std::size_t length = NLMSG_ALIGN(message->nlmsg_len);
-    if (list->size + length > list->capacity && !nl_reserve(list, 2 * (list->size + length))) {
+    const std::size_t size = list->bytes.size() + NLMSG_ALIGN(message->nlmsg_len);
+    if (size > list->bytes.capacity() && !nl_reserve(list, 2 * size)) {
         return false;
     }
-    memcpy(&list->bytes[list->size], message, message->nlmsg_len);
-    list->size += length;
+    list->bytes.insert(list->bytes.end(), bytes_of(message), bytes_of(message) + message->nlmsg_len);
+    list->bytes.resize(size);
     return true;
 }
 
@@ -138,7 +136,7 @@ int exchange(nl_socket *nl, nl_request *request, nl_list *answer, bool *changed)
     if (!request->whole) {
         return EMSGSIZE;
     }
-    answer->size = 0;
+    answer->bytes.clear();
     request->header()->nlmsg_seq = ++nl->sequence;
     const sockaddr_nl kernel = {AF_NETLINK, 0, 0, 0};
     const ssize_t sent = sendto(nl->sock.fd, request->bytes, request->header()->nlmsg_len, 0,
@@ -205,9 +203,7 @@ int nl_open(nl_socket *nl, unsigned groups)
     if (nl->sock.fd < 0 || setsockopt(nl->sock.fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)) != 0 ||
         setsockopt(nl->sock.fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)) != 0 ||
         bind(nl->sock.fd, reinterpret_cast<const sockaddr *>(&self), sizeof(self)) != 0) {
-        const int err = errno;
-        TRACE(TRACE_ERROR, "netlink socket failed.(errno=%d)", err);
-        return err;
+        return errno;
     }
     // Lets a list be of one interface only; kernels before 5.0 send all of it.
     setsockopt(nl->sock.fd, SOL_NETLINK, NETLINK_GET_STRICT_CHK, &strict, sizeof(strict));
@@ -271,7 +267,7 @@ int nl_dump(nl_socket *nl, nl_request *request, nl_list *answer)
 
 int nl_wait(nl_socket *nl, int timeout_ms, nl_list *notified)
 {
-    notified->size = 0;
+    notified->bytes.clear();
     pollfd ready = {nl->sock.fd, POLLIN, 0};
     if (poll(&ready, 1, timeout_ms) == 0) {
         return ETIMEDOUT;
@@ -287,28 +283,24 @@ int nl_wait(nl_socket *nl, int timeout_ms, nl_list *notified)
 
 bool nl_reserve(nl_list *list, std::size_t size)
 {
-    if (size <= list->capacity) {
-        return true;
-    }
-    auto *bytes = static_cast<unsigned char *>(realloc(list->bytes.get(), size));
-    if (bytes == nullptr) {
+    try {
+        list->bytes.reserve(size);
+    } catch (const std::bad_alloc &) {
         return false;
     }
-    static_cast<void>(list->bytes.release());
-    list->bytes.reset(bytes);
-    list->capacity = size;
     return true;
 }
 
 const nlmsghdr *nl_first(const nl_list &list)
 {
-    return list.size == 0 ? nullptr : reinterpret_cast<const nlmsghdr *>(list.bytes.get());
+    return list.bytes.empty() ? nullptr : reinterpret_cast<const nlmsghdr *>(list.bytes.data());
 }
 
 const nlmsghdr *nl_next(const nl_list &list, const nlmsghdr *message)
 {
     const unsigned char *behind = bytes_of(message) + NLMSG_ALIGN(message->nlmsg_len);
-    return behind == list.bytes.get() + list.size ? nullptr : reinterpret_cast<const nlmsghdr *>(behind);
+    return behind == list.bytes.data() + list.bytes.size() ? nullptr
+                                                           : reinterpret_cast<const nlmsghdr *>(behind);
 }
 
 bool nl_read_address(const nlmsghdr *message, nl_address *address)
@@ -318,6 +310,7 @@ bool nl_read_address(const nlmsghdr *message, nl_address *address)
     if (info == nullptr || (message->nlmsg_type != RTM_NEWADDR && message->nlmsg_type != RTM_DELADDR)) {
         return false;
     }
+    address->family = info->ifa_family;
     address->ifindex = static_cast<int>(info->ifa_index);
     address->masklen = info->ifa_prefixlen;
     address->flags = info->ifa_flags;
@@ -358,9 +351,10 @@ bool nl_read_route(const nlmsghdr *message, nl_route *route)
 {
     *route = {};
     const auto *info = body_of<rtmsg>(message);
-    if (info == nullptr || message->nlmsg_type != RTM_NEWROUTE || info->rtm_family != AF_INET) {
+    if (info == nullptr || message->nlmsg_type != RTM_NEWROUTE) {
         return false;
     }
+    route->family = info->rtm_family;
     route->type = info->rtm_type;
     route->protocol = info->rtm_protocol;
     route->tos = info->rtm_tos;
@@ -394,7 +388,7 @@ bool nl_read_route(const nlmsghdr *message, nl_route *route)
 int nl_get_link(nl_socket *nl, const char *ifname, nl_link *link)
 {
     char base[IFNAMSIZ] = "";
-    if (!copy_base(base, ifname)) {
+    if (!copy_part(base, ifname, strcspn(ifname, ":"))) {
         return ENODEV;
     }
     nl_request request;

@@ -1,12 +1,11 @@
 /// Rtnetlink (rtnetlink(7)): the kernel's addresses, routes and links beyond what the ioctls of netdevice(7)
-/// can say and do.
+/// can say and do. The agent, qorping and qorstat ask the kernel with this.
 ///
 /// Everything is in the kernel's own messages: one that tells of an address or a route can be sent back as it
 /// came, and so loses nothing. No call waits for longer than nl_limit_s at a time.
-#ifndef NETLINK_H
-#define NETLINK_H
+#ifndef RTNETLINK_H
+#define RTNETLINK_H
 
-#include "heap.h"
 #include "unique_fd.h"
 
 #include <cstdint>
@@ -14,6 +13,7 @@
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <netinet/in.h>
+#include <vector>
 
 /// How long the kernel's answer may take, seconds. It answers before the request's send returns; the limit is
 /// for the case that it does not.
@@ -28,9 +28,7 @@ struct nl_socket {
 
 /// Messages, one behind the other.
 struct nl_list {
-    heap_array<unsigned char> bytes;
-    std::size_t size = 0;
-    std::size_t capacity = 0;
+    std::vector<unsigned char> bytes;
 };
 
 /// A request while it is put together.
@@ -43,6 +41,7 @@ struct nl_request {
 
 /// What a message tells of an address.
 struct nl_address {
+    int family; ///< AF_INET: addr, AF_INET6: addr6
     int ifindex;
     int masklen;
     std::uint32_t flags; ///< IFA_F_...
@@ -52,8 +51,9 @@ struct nl_address {
     std::uint32_t created; ///< hundredths of a second since boot
 };
 
-/// What a message tells of an IPv4 route.
+/// What a message tells of a route.
 struct nl_route {
+    int family;
     int ifindex; ///< 0: it has several ways
     int type;    ///< RTN_...
     int protocol;
@@ -61,8 +61,8 @@ struct nl_route {
     int masklen;
     bool gateway;
     std::uint32_t table;
-    in_addr destination;
-    in_addr source; ///< the preferred one, or 0.0.0.0
+    in_addr destination; ///< of an IPv4 route, as is the next
+    in_addr source;      ///< the preferred one, or 0.0.0.0
 };
 
 /// Bytes of the longest hardware address that the kernel has (MAX_ADDR_LEN).
@@ -78,7 +78,7 @@ struct nl_link {
     unsigned char mac[NL_MAC_SIZE];
 };
 
-/// Opens the socket, with a line in the trace when that fails.
+/// Opens the socket.
 /// @param groups  RTMGRP_... whose notifications it gets; nl_exchange wants a socket without
 /// @return 0, or the error number
 [[nodiscard]] int nl_open(nl_socket *nl, unsigned groups);

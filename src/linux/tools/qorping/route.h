@@ -1,6 +1,6 @@
 /// What the kernel's routing knows about an address, by rtnetlink(7).
-#ifndef RTNETLINK_H
-#define RTNETLINK_H
+#ifndef ROUTE_H
+#define ROUTE_H
 
 #include "host_address.h"
 #include "link_probe.h"

@@ -1,7 +1,7 @@
-#include "platform.h"
+#include "suite_state.h"
 
 #include "../fip.h"
-#include "source.h"
+#include "trace_source.h"
 
 #include "qoripc.h"
 

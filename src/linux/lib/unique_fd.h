@@ -1,17 +1,22 @@
-/// A file descriptor that its scope closes.
+/// A file descriptor that its owner closes.
 #ifndef UNIQUE_FD_H
 #define UNIQUE_FD_H
 
 #include "nocancel.h"
 
 #include <unistd.h>
+#include <utility>
 
 struct unique_fd {
     unique_fd() = default;
     explicit unique_fd(int owned) : fd(owned) {}
+    unique_fd(unique_fd &&other) noexcept : fd(std::exchange(other.fd, -1)) {}
+    unique_fd &operator=(unique_fd &&other) noexcept
+    {
+        std::swap(fd, other.fd);
+        return *this;
+    }
     ~unique_fd() { reset(); }
-    unique_fd(const unique_fd &) = delete;
-    unique_fd &operator=(const unique_fd &) = delete;
 
     /// Closes what is owned, and takes `owned` instead. close(2) is a cancellation point, and a destructor
     /// must not be left by cancellation.

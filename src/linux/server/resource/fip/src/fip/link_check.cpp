@@ -1,7 +1,7 @@
-#include "miiw.h"
+#include "link_check.h"
 
 #include "../text.h"
-#include "source.h"
+#include "trace_source.h"
 
 #include <cerrno>
 #include <cstdint>

@@ -2,8 +2,8 @@
 ///
 /// Nothing here stops the run: a facility that could not be attached or entered is skipped by the later
 /// operations. The counters (shmrmflag and so on) say what is attached.
-#ifndef FIP_PLATFORM_H
-#define FIP_PLATFORM_H
+#ifndef FIP_SUITE_STATE_H
+#define FIP_SUITE_STATE_H
 
 #include "../fip.h"
 

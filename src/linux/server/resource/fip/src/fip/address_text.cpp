@@ -1,8 +1,8 @@
-#include "address.h"
+#include "address_text.h"
 
 #include "../fip.h"
 #include "../text.h"
-#include "source.h"
+#include "trace_source.h"
 
 #include <arpa/inet.h>
 #include <cerrno>

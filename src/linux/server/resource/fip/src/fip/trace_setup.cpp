@@ -1,4 +1,4 @@
-#include "log.h"
+#include "trace_setup.h"
 
 #include "../fip.h"
 #include "../tracersc.h"

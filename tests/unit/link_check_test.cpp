@@ -1,6 +1,6 @@
 // The NIC link check, against a driver of the test's own.
 
-#include "fip/miiw.h"
+#include "fip/link_check.h"
 #include "fip_fixture.h"
 
 #include <linux/ethtool.h>

@@ -1,6 +1,6 @@
 /// The address argument: address[/bits][%interface[:alias]].
-#ifndef FIP_ADDRESS_H
-#define FIP_ADDRESS_H
+#ifndef FIP_ADDRESS_TEXT_H
+#define FIP_ADDRESS_TEXT_H
 
 #include "../fip.h"
 

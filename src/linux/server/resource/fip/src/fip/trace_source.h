@@ -1,6 +1,6 @@
 /// The source name under which everything in fip/ writes its trace lines.
-#ifndef FIP_SOURCE_H
-#define FIP_SOURCE_H
+#ifndef FIP_TRACE_SOURCE_H
+#define FIP_TRACE_SOURCE_H
 
 #include "../tracersc.h"
 

@@ -1,9 +1,10 @@
-#include "ipaddr.h"
+#include "address_change.h"
 
 #include "../command.h"
+#include "../nicLayout.h"
 #include "../text.h"
 #include "guard.h"
-#include "source.h"
+#include "trace_source.h"
 
 #include <arpa/inet.h>
 #include <memory>
@@ -54,8 +55,14 @@ int change_by_command(const char *self, const std::shared_ptr<IP_CMD_INFO> &bloc
     }
     TRACE_AS(self, TRACE_DEBUG, "system(%s)...", block->cmdpath);
     const worker_texts texts = {
-        trace_source,    self, "fip_cmd_system", "ffip_cmd_system", "thread timeout. command :ifconfig",
-        FIP_ERR_TIMEOUT, true};
+        .pname = trace_source,
+        .pfunc = self,
+        .worker = "fip_cmd_system",
+        .create_failed = "ffip_cmd_system", // the trace's own word
+        .timeout = "thread timeout. command :ifconfig",
+        .timeout_code = FIP_ERR_TIMEOUT,
+        .always_returned = true,
+    };
     const int ret = fip_run_bounded(texts, info, fip_cmd_system, block, &actthend);
     return ret != FIP_SUCCESS ? ret : block->ret;
 }
