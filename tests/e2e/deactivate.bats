@@ -69,6 +69,16 @@ check() { echo "<$1><execute>1</execute><retry>$2</retry><interval>0</interval><
 	EOT
 }
 
+@test "the ping check holds up other runs, unless it is made in parallel" {
+    for parallel in 0 1; do
+        cluster "fip1 192.0.2.10/24 <check>$(check ping 0 1 | sed "s|</ping>|<parallel>$parallel</parallel>&|")</check>"
+        activate 0
+        ping_tool <<<"timeout $((1 + 9 * parallel)) $QOR_BIN/qorfip --add -a 192.0.2.77 && exit 1"
+        deactivate "$((parallel == 1 ? 0 : 25))"
+        carries "$([ "$parallel" -eq 0 ] || echo "${alias0/2.10/2.77}")"
+    done
+}
+
 @test "the ping check: what the tool finds, and how often it is asked" {
     ip -n "$there" address add 192.0.2.10/24 dev veth
     while read -r code error pings message script; do

@@ -8,7 +8,7 @@ struct ConfigTest : FipTest {
     std::string read(const std::string &parameters, int act = 0, const std::string &spoiled = "")
     {
         info = {};
-        practice = {0, 1, 5, 0}; // as at the start of a run
+        practice = {}; // as at the start of a run
         copy_text(info.rscname, "fip1");
         start_config("<fip name='fip1'><parameters>" + parameters + "</parameters></fip>");
         fs::remove(home / "etc/policy" / (spoiled + ".xml"));

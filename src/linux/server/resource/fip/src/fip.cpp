@@ -18,7 +18,7 @@ int dynamicflag = 0;
 int ipv6flag = 0;
 int fullnotation = 0;
 
-FIP_PRACTICE practice = {0, NDDAD_RUN, 5, 0};
+FIP_PRACTICE practice;
 
 char inspath[FIP_PATH_SIZE];
 char rdrctpath[FIP_PATH_SIZE];

@@ -95,20 +95,21 @@ struct FIP_INFO {
     int srcipuse;  ///< 1: the address becomes the source of the interface's routes
 };
 
-/// What the resource's configuration asks for beyond the record: practice that an old configuration does not
-/// know, and that is off unless it is asked for. Filled by fip_xml_get_config.
-struct FIP_PRACTICE {
-    int ndretry;   ///< IPv6: unsolicited neighbour advertisements
-    int nddad;     ///< a value of fip_nddad
-    int ndtimeout; ///< seconds to wait for the end of duplicate address detection
-    int guardif;   ///< non-zero: a removal takes only its own address
-};
-
 /// When an IPv6 address is added without the kernel's duplicate address detection (DAD, RFC 4862 5.4).
 enum fip_nddad {
     NDDAD_NEVER_RUN = 0,
     NDDAD_RUN = 1,
     NDDAD_UNLESS_ASKED = 2 ///< it runs unless this run's duplicate-address check has asked already
+};
+
+/// What the resource's configuration asks for beyond the record: practice that an old configuration does not
+/// know, and that is off unless it is asked for. Filled by fip_xml_get_config.
+struct FIP_PRACTICE {
+    int ndretry = 0;       ///< IPv6: unsolicited neighbour advertisements
+    int nddad = NDDAD_RUN; ///< a value of fip_nddad
+    int ndtimeout = 5;     ///< seconds to wait for the end of duplicate address detection
+    int guardif = 0;       ///< non-zero: a removal takes only its own address
+    int pingparallel = 0;  ///< non-zero: the ping after a removal is made outside of the critical section
 };
 
 /// Argument and result of the inventory worker.

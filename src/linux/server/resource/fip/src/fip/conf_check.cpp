@@ -55,6 +55,7 @@ constexpr numeric_param later_params[] = {
     {"DAD Mode", "/root/resource/fip@%s/parameters/nd/dad", "11"},
     {"DAD Timeout", "/root/resource/fip@%s/parameters/nd/timeout", "12"},
     {"Interface Guard", "/root/resource/fip@%s/parameters/guard/interface", "13"},
+    {"Parallel I/F Reception", "/root/resource/fip@%s/parameters/check/ping/parallel", "14"},
 };
 
 /// Reads one half of the file's name.

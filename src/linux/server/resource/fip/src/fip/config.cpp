@@ -71,21 +71,24 @@ constexpr int_param link_params[] = {
     {"monmii", &FIP_INFO::isMiiw, 0},
 };
 
-/// One int parameter of the practice beyond the record.
+/// One int parameter of the practice beyond the record, whose initial value stands when it cannot be read.
 struct practice_param {
     const char *key;
     int FIP_PRACTICE::*member;
-    int otherwise;
 };
 
 constexpr practice_param nd_params[] = {
-    {"nd/retry", &FIP_PRACTICE::ndretry, 0},
-    {"nd/dad", &FIP_PRACTICE::nddad, NDDAD_RUN},
-    {"nd/timeout", &FIP_PRACTICE::ndtimeout, 5},
+    {"nd/retry", &FIP_PRACTICE::ndretry},
+    {"nd/dad", &FIP_PRACTICE::nddad},
+    {"nd/timeout", &FIP_PRACTICE::ndtimeout},
 };
 
 constexpr practice_param guard_params[] = {
-    {"guard/interface", &FIP_PRACTICE::guardif, 0},
+    {"guard/interface", &FIP_PRACTICE::guardif},
+};
+
+constexpr practice_param parallel_params[] = {
+    {"check/ping/parallel", &FIP_PRACTICE::pingparallel},
 };
 
 /// Reads one int parameter. @return false when it cannot be read; then there is a line in the trace of the
@@ -118,7 +121,7 @@ void read_practice(const FIP_INFO &info, std::span<const practice_param> params)
     for (const practice_param &param : params) {
         int value = 0;
         practice.*param.member =
-            read_int(info.rscname, param.key, &value, TRACE_DEBUG) ? value : param.otherwise;
+            read_int(info.rscname, param.key, &value, TRACE_DEBUG) ? value : FIP_PRACTICE{}.*param.member;
     }
 }
 
@@ -176,6 +179,8 @@ void read_checks(FIP_INFO *info)
              info->checkifretry, info->checkifinterval, info->checkiferror);
     TRACE_AS(self, TRACE_DEBUG, "chk ping   = exec:%d,rty:%d,itv:%d,err:%d", info->checkpiexec,
              info->checkpiretry, info->checkpiinterval, info->checkpierror);
+    read_practice(*info, parallel_params);
+    TRACE_AS(self, TRACE_DEBUG, "chk ping   = par:%d", practice.pingparallel);
 }
 
 void read_parameters(FIP_INFO *info)

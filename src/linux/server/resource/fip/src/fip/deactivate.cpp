@@ -17,7 +17,8 @@ constexpr char self[] = "fip_start_deact";
 /// The state of one deactivation.
 struct deactivation {
     FIP_INFO *info = nullptr;
-    inventory rows; ///< the latest
+    ifconfig_section section;
+    inventory rows = {}; ///< the latest
     in_addr addr = {};
     in6_addr addr6 = {};
     vdevinfo target = {};
@@ -155,6 +156,9 @@ int check_ping(deactivation *deact)
         TRACE_AS(self, TRACE_INFO, "deact check ping skip, because npsimu is enabled.");
         return FIP_SUCCESS;
     }
+    if (practice.pingparallel != 0) {
+        deact->section.leave(); // nothing is looked up or changed any more
+    }
     TRACE_AS(self, TRACE_DEBUG, "deact check ping start.");
     bool silent = is_silent(info);
     for (int pass = 0; !silent && pass < info->checkpiretry; ++pass) {
@@ -188,9 +192,7 @@ constexpr int (*steps[])(deactivation *) = {
 
 int deactivate(FIP_INFO *info)
 {
-    const ifconfig_section section(!is_trusted());
-    deactivation deact;
-    deact.info = info;
+    deactivation deact{.info = info, .section = ifconfig_section(!is_trusted())};
     for (const auto step : steps) {
         const int ret = fip_bound_memory([step, &deact] { return step(&deact); });
         if (ret != FIP_SUCCESS || deact.absent) {

@@ -63,16 +63,20 @@ struct ifconfig_section {
             fip_sem_entercrit_ifconfig();
         }
     }
-    ~ifconfig_section()
+    ~ifconfig_section() { leave(); }
+    ifconfig_section(const ifconfig_section &) = delete;
+    ifconfig_section &operator=(const ifconfig_section &) = delete;
+
+    /// Leaves it before the scope ends.
+    void leave()
     {
         if (wanted) {
             fip_sem_leavecrit_ifconfig();
         }
+        wanted = false;
     }
-    ifconfig_section(const ifconfig_section &) = delete;
-    ifconfig_section &operator=(const ifconfig_section &) = delete;
 
-    const bool wanted;
+    bool wanted;
 };
 
 #endif
