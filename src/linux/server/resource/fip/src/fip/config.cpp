@@ -9,7 +9,6 @@
 
 #include <climits>
 #include <cstdint>
-#include <cstdio>
 #include <span>
 
 namespace
@@ -96,7 +95,7 @@ constexpr practice_param parallel_params[] = {
 bool read_int(const char *rscname, const char *key, int *value, int absent = TRACE_WARNING)
 {
     char path[FIP_PATH_SIZE];
-    snprintf(path, sizeof(path), "/root/resource/fip@%s/parameters/%s", rscname, key);
+    format_text(path, sizeof(path), "/root/resource/fip@%s/parameters/%s", rscname, key);
     int size = sizeof(*value);
     const int ret = xmllib_get_value(path, QOR_XMLTYPE_INT, value, &size);
     if (ret != QOR_XMLERR_SUCCESS) {
@@ -297,26 +296,34 @@ int fip_xml_get_path(const char *type, const char *path, char *buffer, int *size
     return fip_library_status(policy.unload());
 }
 
-int fip_xml_get_address(FIP_INFO *pfipinfo)
+int fip_xml_read_address(const char *func, const char *rscname, char (&value)[FIP_ADDRARG_SIZE])
 {
     char server[HOSTNAME_SIZE];
     const int host_ret = get_hostname(server);
     if (host_ret != 0) {
-        TRACE_AS(self, TRACE_ERROR, "get_hostname() failed. (ret=%d)", host_ret);
+        TRACE_AS(func, TRACE_ERROR, "get_hostname() failed. (ret=%d)", host_ret);
         return FIP_ERR_HOSTNAME;
     }
     char path[FIP_PATH_SIZE];
-    snprintf(path, sizeof(path), "/root/resource/fip@%s/parameters/ip", pfipinfo->rscname);
-    char value[FIP_ADDRARG_SIZE] = "";
+    format_text(path, sizeof(path), "/root/resource/fip@%s/parameters/ip", rscname);
     int size = sizeof(value);
-    const int xml_ret = xmllib_get_srvsep_value(server, path, QOR_XMLTYPE_TEXT, value, &size);
-    if (xml_ret != QOR_XMLERR_SUCCESS) {
-        TRACE_AS(self, TRACE_ERROR, "xmllib_get_srvsep_value(%s,%s) failed. (ret=%d)", path, "ip", xml_ret);
-        return fip_internal_error(FIP_ERR_ADDRESS);
+    const int ret = xmllib_get_srvsep_value(server, path, QOR_XMLTYPE_TEXT, value, &size);
+    if (ret != QOR_XMLERR_SUCCESS) {
+        TRACE_AS(func, TRACE_ERROR, "xmllib_get_srvsep_value(%s,%s) failed. (ret=%d)", path, "ip", ret);
+        return FIP_ERR_ADDRESS;
+    }
+    return FIP_SUCCESS;
+}
+
+int fip_xml_get_address(FIP_INFO *pfipinfo)
+{
+    char value[FIP_ADDRARG_SIZE] = "";
+    int ret = fip_xml_read_address(self, pfipinfo->rscname, value);
+    if (ret != FIP_SUCCESS) {
+        return ret == FIP_ERR_ADDRESS ? fip_internal_error(ret) : ret;
     }
     fip_ipck(value);
-    const int ret =
-        fip_div_ipmask(value, pfipinfo->addr, pfipinfo->mask, &pfipinfo->masklen, pfipinfo->ifname);
+    ret = fip_div_ipmask(value, pfipinfo->addr, pfipinfo->mask, &pfipinfo->masklen, pfipinfo->ifname);
     if (ret != FIP_SUCCESS) {
         TRACE_AS(self, TRACE_ERROR, "fip_div_ipmask failed. (ret=%d)", ret);
     }

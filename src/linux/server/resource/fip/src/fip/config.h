@@ -47,6 +47,12 @@ struct policy_scope {
 ///         with a result message while the resource states are attached); the result of unloading the policy
 [[nodiscard]] int fip_xml_get_path(const char *type, const char *path, char *buffer, int *size);
 
+/// Reads the text of the address that a resource has on this server. A failure is told of under the name of
+/// the function `func`, and leaves no result message.
+/// @return 0; FIP_ERR_HOSTNAME; FIP_ERR_ADDRESS when it cannot be read
+[[nodiscard]] int fip_xml_read_address(const char *func, const char *rscname,
+                                       char (&value)[FIP_ADDRARG_SIZE]);
+
 /// Reads the address that applies to this server into the record's addr, mask, masklen and ifname, by its
 /// rscname.
 /// @return 0; FIP_ERR_HOSTNAME; FIP_ERR_ADDRESS when it cannot be read, with a result message; the result of

@@ -4,7 +4,6 @@
 #include "../fip.h"
 #include "../name_list.h"
 #include "../text.h"
-#include "../value.h"
 #include "config.h"
 #include "inventory.h"
 #include "trace_source.h"
@@ -75,23 +74,10 @@ int read_use(const char *resource, int *use)
 /// Reads the bare address that a resource has on this server.
 int read_address(const char *resource, char (&addr)[FIP_ADDRARG_SIZE])
 {
-    char server[HOSTNAME_SIZE];
-    const int host_ret = get_hostname(server);
-    if (host_ret != 0) {
-        TRACE_AS(check_name, TRACE_ERROR, "get_hostname() failed. (ret=%d)", host_ret);
-        return FIP_ERR_HOSTNAME;
-    }
-    char path[FIP_PATH_SIZE];
-    format_text(path, sizeof(path), "/root/resource/fip@%s/parameters/ip", resource);
     char value[FIP_ADDRARG_SIZE] = "";
-    int size = sizeof(value);
-    const int ret = xmllib_get_srvsep_value(server, path, QOR_XMLTYPE_TEXT, value, &size);
-    if (ret != QOR_XMLERR_SUCCESS) {
-        TRACE_AS(check_name, TRACE_ERROR, "xmllib_get_srvsep_value(%s,%s) failed. (ret=%d)", path, "ip", ret);
-        return FIP_ERR_ADDRESS;
-    }
+    const int ret = fip_xml_read_address(check_name, resource, value);
     copy_part(addr, value, strcspn(value, "/%"));
-    return FIP_SUCCESS;
+    return ret;
 }
 
 bool same_base(const char *left, const char *right)
