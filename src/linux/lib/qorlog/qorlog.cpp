@@ -1,5 +1,6 @@
 #include "qorlog.h"
 
+#include "nocancel.h"
 #include "qorhome.h"
 #include "textline.h"
 #include "unique_fd.h"
@@ -15,7 +16,6 @@
 #include <memory>
 #include <mutex>
 #include <new>
-#include <pthread.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -48,16 +48,6 @@ struct log_file {
     unique_fd file;
     /// The file may end in a piece of a line (disk full, writer killed): the next line starts with a newline.
     bool torn = false;
-};
-
-/// A thread cancelled in here would leave the mutex held.
-struct no_cancel {
-    int before = PTHREAD_CANCEL_ENABLE;
-
-    no_cancel() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before); }
-    no_cancel(const no_cancel &) = delete;
-    no_cancel &operator=(const no_cancel &) = delete;
-    ~no_cancel() { pthread_setcancelstate(before, nullptr); }
 };
 
 bool is_plain_name(const char *type)
@@ -274,7 +264,7 @@ int log_init(const char *type, void **handle, int level, int size, const char *p
     if (type == nullptr || !is_plain_name(type)) {
         return EINVAL;
     }
-    const no_cancel whole;
+    const nocancel whole;
     std::unique_ptr<log_file> log(new (std::nothrow) log_file);
     if (log == nullptr) {
         return ENOMEM;
@@ -309,7 +299,7 @@ int log_write(void *handle, int level, int eid, const char *file, int line, cons
     if (level > log->level && level != QOR_LOG_EVENT) {
         return 0;
     }
-    const no_cancel whole;
+    const nocancel whole;
     const int callers_errno = errno; // a trace call between a failure and its report must not change it
     char text[text_size] = "";
     va_list args;
@@ -338,7 +328,7 @@ int log_write(void *handle, int level, int eid, const char *file, int line, cons
 
 int log_term(void *handle)
 {
-    const no_cancel whole;
+    const nocancel whole;
     delete static_cast<log_file *>(handle);
     return 0;
 }
