@@ -1,7 +1,7 @@
 /// Any output of ifconfig, through both of its readers, in both families.
-#include "fip/inventory.h"
+#include "fip/ifconfig_output.h"
 #include "fuzz_input.h"
-#include "nicLayout.h"
+#include "nicIfconfig.h"
 
 namespace
 {

@@ -1,5 +1,7 @@
 // The inventory from ifconfig's output.
 
+#include "fip/address_text.h"
+#include "fip/ifconfig_output.h"
 #include "fip/inventory.h"
 #include "fip_fixture.h"
 

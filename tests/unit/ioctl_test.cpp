@@ -2,7 +2,7 @@
 
 #include "fip/address_change.h"
 #include "fip_fixture.h"
-#include "nicLayout.h"
+#include "nicIfconfig.h"
 
 #include <linux/ipv6.h>
 #include <map>

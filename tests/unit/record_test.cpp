@@ -1,6 +1,6 @@
 // The agent's own record of a resource: its file, and when that is believed.
 
-#include "fip/record.h"
+#include "fip/address_record.h"
 #include "fip_fixture.h"
 
 using RecordTest = FipTest;

@@ -4,7 +4,7 @@
 #include "fip/address_change.h"
 #include "fip/inventory.h"
 #include "fip_fixture.h"
-#include "nicLayout.h"
+#include "nicIfconfig.h"
 #include "worker.h"
 
 #include <numeric>

@@ -34,3 +34,8 @@ int qorhome_mkdir(const char *relative)
     }
     return 0;
 }
+
+bool qorhome_is_roots_own(const struct stat &st)
+{
+    return S_ISREG(st.st_mode) && st.st_uid == 0 && (st.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}

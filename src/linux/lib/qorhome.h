@@ -3,6 +3,7 @@
 #define QORHOME_H
 
 #include <cstddef>
+#include <sys/stat.h>
 
 /// Forms the absolute name of a file below the suite home.
 ///
@@ -14,6 +15,10 @@
 /// @param size      capacity of buf in bytes
 /// @return 0, or ENAMETOOLONG when the name does not fit (buf then holds the empty text)
 [[nodiscard]] int qorhome_path(const char *relative, char *buf, std::size_t size);
+
+/// Whether a file that the suite goes by can be believed: a regular one that only root can have written.
+/// @param st  of the open file, so that nobody exchanges it behind the look
+[[nodiscard]] bool qorhome_is_roots_own(const struct stat &st);
 
 /// Makes sure that a directory below the suite home exists, creating it (mode 0750) when only its last
 /// component is missing.

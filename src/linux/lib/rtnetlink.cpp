@@ -1,13 +1,13 @@
 #include "rtnetlink.h"
 
-#include "bounded_text.h"
+#include "heap.h"
+#include "ifname.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <linux/if_link.h>
 #include <linux/ipv6.h>
-#include <new>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -283,12 +283,7 @@ int nl_wait(nl_socket *nl, int timeout_ms, nl_list *notified)
 
 bool nl_reserve(nl_list *list, std::size_t size)
 {
-    try {
-        list->bytes.reserve(size);
-    } catch (const std::bad_alloc &) {
-        return false;
-    }
-    return true;
+    return heap_reserve(&list->bytes, size);
 }
 
 const nlmsghdr *nl_first(const nl_list &list)
@@ -388,7 +383,7 @@ bool nl_read_route(const nlmsghdr *message, nl_route *route)
 int nl_get_link(nl_socket *nl, const char *ifname, nl_link *link)
 {
     char base[IFNAMSIZ] = "";
-    if (!copy_part(base, ifname, strcspn(ifname, ":"))) {
+    if (!copy_base(base, ifname)) {
         return ENODEV;
     }
     nl_request request;

@@ -10,13 +10,16 @@
 struct unique_fd {
     unique_fd() = default;
     explicit unique_fd(int owned) : fd(owned) {}
-    unique_fd(unique_fd &&other) noexcept : fd(std::exchange(other.fd, -1)) {}
+    unique_fd(unique_fd &&other) noexcept : fd(other.release()) {}
     unique_fd &operator=(unique_fd &&other) noexcept
     {
-        std::swap(fd, other.fd);
+        reset(other.release());
         return *this;
     }
     ~unique_fd() { reset(); }
+
+    /// Gives up what is owned.
+    int release() { return std::exchange(fd, -1); }
 
     /// Closes what is owned, and takes `owned` instead. close(2) is a cancellation point, and a destructor
     /// must not be left by cancellation.

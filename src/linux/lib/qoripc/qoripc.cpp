@@ -107,8 +107,7 @@ int open_shared(const char *relative, unique_fd *file)
         opened = unique_fd(open(path, flags, 0600));
     }
     struct stat st = {};
-    if (opened.fd < 0 || fstat(opened.fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != 0 ||
-        (st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    if (opened.fd < 0 || fstat(opened.fd, &st) != 0 || !qorhome_is_roots_own(st)) {
         return SHMRM_ERR_SHMGET;
     }
     if ((st.st_mode & 07777) != 0600 && fchmod(opened.fd, 0600) != 0) {

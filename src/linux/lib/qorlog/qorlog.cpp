@@ -194,10 +194,10 @@ int append(log_file &log, const char *line, std::size_t len)
 void format_event(char *text, std::size_t size, int eid, va_list args)
 {
     switch (eid) {
-    case 10:
+    case QOR_EVENT_ADDRESS_INUSE:
         vsnprintf(text, size, "address %s is in use by another host", args);
         break;
-    case 11:
+    case QOR_EVENT_ADDRESS_FORCED:
         vsnprintf(text, size, "address %s was activated by force although the duplicate-address check failed",
                   args);
         break;

@@ -10,6 +10,9 @@ extern "C" {
  *  at most the configured level. */
 enum { QOR_LOG_EVENT = 0x8000 };
 
+/** Event ids whose text is in the catalogue; each names an address. */
+enum { QOR_EVENT_ADDRESS_INUSE = 10, QOR_EVENT_ADDRESS_FORCED = 11 };
+
 /** Opens the log of the module `type`: log/TYPE.log below the suite home, created when missing (0640), its
  *  directory too. What is not a regular file is refused.
  *  @param type    1 to 32 letters, digits, '-' and '_'

@@ -66,10 +66,9 @@ int run(Operation operation)
     }
 }
 
-bool is_trusted(const struct stat &st)
+bool is_acceptable(const struct stat &st)
 {
-    return S_ISREG(st.st_mode) && st.st_uid == 0 && (st.st_mode & (S_IWGRP | S_IWOTH)) == 0 &&
-           st.st_size <= static_cast<off_t>(xmltree_max_bytes);
+    return qorhome_is_roots_own(st) && st.st_size <= static_cast<off_t>(xmltree_max_bytes);
 }
 
 // NOTEXIST_PATH when there is no such file, INVALID_XML when it can't be trusted or read.
@@ -81,7 +80,7 @@ int read_file(const char *file, std::string *bytes)
         return errno == ENOENT ? QOR_XMLERR_NOTEXIST_PATH : QOR_XMLERR_INVALID_XML;
     }
     struct stat st = {};
-    if (fstat(input.fd, &st) != 0 || !is_trusted(st)) {
+    if (fstat(input.fd, &st) != 0 || !is_acceptable(st)) {
         return QOR_XMLERR_INVALID_XML;
     }
     // A file that shrinks or grows meanwhile gives a part of a document, which does not parse.

@@ -1,6 +1,6 @@
 #include "echo_socket.h"
 
-#include "links.h"
+#include "link_choice.h"
 #include "packet_filter.h"
 
 #include <array>

@@ -1,8 +1,8 @@
 #include "probe.h"
 
 #include "echo_socket.h"
+#include "link_choice.h"
 #include "link_socket.h"
-#include "links.h"
 #include "route.h"
 
 #include <algorithm>

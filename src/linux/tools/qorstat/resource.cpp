@@ -3,9 +3,9 @@
 #include "kernel_address.h"
 
 #include "fip.h"
+#include "fip/address_record.h"
 #include "fip/address_text.h"
 #include "fip/config.h"
-#include "fip/record.h"
 #include "text.h"
 
 #include <algorithm>
@@ -121,6 +121,7 @@ void report_places(const host_address &host, const std::vector<address_place> &p
     if (!agree) {
         report->note = "the configuration and the record differ";
     } else if (here == places.end()) {
+        report->recorded = false;
         report->note = "it was not recorded here";
     } else {
         report->note = tell_detection(place.dad);

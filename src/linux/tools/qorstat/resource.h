@@ -20,6 +20,7 @@ struct resource_report {
     std::string interface; ///< that carries it now
     std::string label;     ///< the name that it stands under now, for IPv4
     bool guarded = false;  ///< a removal leaves an interface up whose bare name the address stands under
+    bool recorded = true;  ///< false: it is here, but not where it was recorded
     std::string note;      ///< what the status alone does not tell
 };
 

@@ -4,7 +4,6 @@
 #include "nocancel.h"
 #include "tracersc.h"
 
-#include <arpa/inet.h>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -98,20 +97,6 @@ int fip_run_bounded(const worker_texts &texts, const FIP_INFO &info, worker_entr
         break;
     }
     return FIP_SUCCESS;
-}
-
-bool fip_parse_addr(const char *text, in_addr *addr, in6_addr *addr6)
-{
-    if (ipv6flag != 0) {
-        return inet_pton(AF_INET6, text, addr6) == 1;
-    }
-    return inet_pton(AF_INET, text, addr) == 1;
-}
-
-bool fip_parse_host(const char *text, in_addr *addr, in6_addr *addr6)
-{
-    return fip_parse_addr(text, addr, addr6) &&
-           (ipv6flag != 0 ? !IN6_IS_ADDR_UNSPECIFIED(addr6) : addr->s_addr != INADDR_ANY);
 }
 
 bool fip_is_resource_name(const char *text)

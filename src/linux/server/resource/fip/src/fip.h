@@ -144,7 +144,7 @@ using PFIP_THREAD_INFO = FIP_THREAD_INFO *;
 // Run-mode globals: one process serves one request. Each belongs to the files behind its @writer, which alone
 // write it (script/lint-globals); all others read. The main thread writes, and what a worker reads (actflag,
 // ipv6flag, inspath) not while one runs; the end flags and the result message are shared with the workers.
-// Two more, of the kernel's side, are in nicLayout.h.
+// Two more, of the kernel's side, are in nicIfconfig.h.
 
 extern int actflag;      ///< -1 undecided, 0 activation, 1 deactivation; @writer fip/main
 extern int nomuseflag;   ///< non-zero: the address is the command line's (--add, --del); @writer fip/main
@@ -155,8 +155,8 @@ extern int fullnotation; ///< 1: it names its interface and alias ("trusted mode
 extern FIP_PRACTICE practice; ///< @writer fip/config
 
 extern char inspath[FIP_PATH_SIZE];   ///< the suite's installation path; @writer fip/config
-extern char rdrctpath[FIP_PATH_SIZE]; ///< the check log's name below it; @writer fip/test_mode
-extern char rdrctfile[FIP_PATH_SIZE]; ///< the check log's whole name; @writer fip/test_mode
+extern char rdrctpath[FIP_PATH_SIZE]; ///< the check log's name below it; @writer fip/check_mode
+extern char rdrctfile[FIP_PATH_SIZE]; ///< the check log's whole name; @writer fip/check_mode
 
 extern void *hchkconf; ///< the configuration under check; null while none is loaded; @writer fip/conf_check
 
@@ -219,14 +219,6 @@ int fip_command_abnormal(const char *line, int error);
 /// @return 0 when it ended in time; FIP_ERR_THREAD, FIP_ERR_TIMEOUT or FIP_ERR_MEMORY, with a result message
 [[nodiscard]] int fip_run_bounded(const worker_texts &texts, const FIP_INFO &info, worker_entry entry,
                                   const std::shared_ptr<void> &block, std::atomic<int> *endflag);
-
-/// Converts an address text to numeric form by ipv6flag; only the matching one of the two is written.
-/// @return true when the text is an address
-[[nodiscard]] bool fip_parse_addr(const char *text, in_addr *addr, in6_addr *addr6);
-
-/// The same for the address of a host. The unspecified address is none: it equals the empty field of every
-/// inventory row that has no address of this family.
-[[nodiscard]] bool fip_parse_host(const char *text, in_addr *addr, in6_addr *addr6);
 
 /// Whether a text can be a resource's name: with a '/' it would lead a configuration path to another element.
 [[nodiscard]] bool fip_is_resource_name(const char *text);

@@ -267,7 +267,8 @@ in_addr nic_broadcast(const vdevinfo &dev)
     return bcast;
 }
 
-int nic_act_ipaddr_ioctl(const vdevinfo *pvdevinfo, bool dad, int (*undo)(const vdevinfo *))
+int nic_act_ipaddr_ioctl(const vdevinfo *pvdevinfo, bool dad,
+                         const std::function<int(const vdevinfo *)> &undo)
 {
     TRACE(TRACE_DEBUG, "nic_act_ipaddr_ioctl(%s)  ENTRY...", pvdevinfo->sipel.addr);
     request req;

@@ -6,6 +6,7 @@
 #include "rtnetlink.h"
 
 #include <cstdint>
+#include <functional>
 #include <netinet/in.h>
 #include <vector>
 
@@ -44,7 +45,7 @@ struct ipaddrinfo {
 
 using inventory = std::vector<ipaddrinfo>;
 
-/// The device that carries, or is to carry, the floating address.
+/// The target: the device that carries, or is to carry, the floating address, and the address.
 struct vdevinfo {
     char ifname[32];   ///< the configured interface as configured, else the chosen base name
     char vdevname[32]; ///< the name that the address is configured under; empty for IPv6 on a listed one
@@ -56,7 +57,7 @@ struct vdevinfo {
     unsigned char macaddr[MAC_SIZE];
 };
 
-/// Status codes of the kernel's side, nicInventory and nicLayout included; the agent's own are in fip.h.
+/// Status codes of the kernel's side, nicInventory and nicIfconfig included; the agent's own are in fip.h.
 enum nic_code {
     NIC_SUCCESS = 0,
     NIC_ERR_MEMORY = 2,          ///< no memory
@@ -85,7 +86,7 @@ enum nic_code {
 /// Opens a socket of rtnetlink, with a line in the trace when that fails. @return as nl_open
 [[nodiscard]] int nic_open_netlink(nl_socket *nl, unsigned groups);
 
-/// The name that the record's address stands under, or is to stand under.
+/// The name that the target's address stands under, or is to stand under.
 [[nodiscard]] const char *nic_device_name(const vdevinfo &dev);
 
 /// Judges the name that an address is to be put under, before anything is changed. A name too long for the
@@ -94,22 +95,23 @@ enum nic_code {
 /// @return 0 or NIC_ERR_NAME
 [[nodiscard]] int nic_check_name(const char *name);
 
-/// The broadcast address for the kernel: the record's, or 0.0.0.0 for none where the subnet has no room for
+/// The broadcast address for the kernel: the target's, or 0.0.0.0 for none where the subnet has no room for
 /// one (RFC 3021: both addresses of a /31 are hosts').
 [[nodiscard]] in_addr nic_broadcast(const vdevinfo &dev);
 
-/// Takes the address of the record off its interface. On an alias this removes the alias; a physical
-/// interface is stopped, and cleared when it carries the record's address.
+/// Takes the target's address off its interface. On an alias this removes the alias; a physical
+/// interface is stopped, and cleared when it carries the target's address.
 /// @return 0, NIC_ERR_SOCKET, or the code of the request that failed
 [[nodiscard]] int nic_deact_ipaddr_ioctl(const vdevinfo *pvdevinfo);
 
-/// Puts the address of the record on its interface, and brings that up. What was placed is taken off again
+/// Puts the target's address on its interface, and brings that up. What was placed is taken off again
 /// when a later step fails.
 /// @param dad   IPv6: the kernel's duplicate address detection runs; without, the address is put on by
 ///              rtnetlink
 /// @param undo  how it is taken off again; returns 0 or a code for the trace
 /// @return 0, NIC_ERR_SOCKET, or the code of the request that failed
-[[nodiscard]] int nic_act_ipaddr_ioctl(const vdevinfo *pvdevinfo, bool dad = true,
-                                       int (*undo)(const vdevinfo *) = nic_deact_ipaddr_ioctl);
+[[nodiscard]] int
+nic_act_ipaddr_ioctl(const vdevinfo *pvdevinfo, bool dad = true,
+                     const std::function<int(const vdevinfo *)> &undo = nic_deact_ipaddr_ioctl);
 
 #endif

@@ -3,16 +3,6 @@
 #include <cstring>
 #include <string>
 
-std::size_t base_length(const char *ifname)
-{
-    return strcspn(ifname, ":");
-}
-
-bool has_white_space(const char *text)
-{
-    return text[strcspn(text, " \t\n\v\f\r")] != '\0';
-}
-
 void fill_path(char *path, std::size_t size, const char *pattern, std::initializer_list<const char *> names)
 {
     std::string filled;

@@ -2,7 +2,7 @@
 
 #include "nocancel.h"
 #include "qorlog.h"
-#include "tracersc_line.h"
+#include "tracersc_shared.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -10,6 +10,9 @@
 
 // The handle, null while the log is closed, and the number of opens since the last close.
 void *loghandle = nullptr;
+
+static_assert(FIP_EVENT_INUSE == static_cast<int>(QOR_EVENT_ADDRESS_INUSE) &&
+              FIP_EVENT_FORCED == static_cast<int>(QOR_EVENT_ADDRESS_FORCED));
 
 namespace
 {

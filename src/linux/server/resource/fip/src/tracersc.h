@@ -17,6 +17,12 @@ enum trace_level {
 /// Bytes of one message, terminator included; a longer one is cut.
 enum { TRACE_TEXT_SIZE = 1024 };
 
+/// Events of the logging library's catalogue.
+enum fip_event {
+    FIP_EVENT_INUSE = 10, ///< another host has the address
+    FIP_EVENT_FORCED = 11 ///< a failed duplicate-address check was overridden
+};
+
 /// Writes a line under the name of the calling function. `trace_source`, the source name in the line, is the
 /// constant of that name visible at the call.
 #define TRACE(level, ...) trace((level), trace_source, __LINE__, __func__, __VA_ARGS__)

@@ -2,7 +2,7 @@
 
 #include "nocancel.h"
 #include "qorlog.h"
-#include "tracersc_line.h"
+#include "tracersc_shared.h"
 
 #include <cstdarg>
 #include <cstdio>

@@ -3,12 +3,13 @@
 #include "../text.h"
 #include "../unique_fd.h"
 #include "address_change.h"
+#include "address_record.h"
+#include "address_text.h"
 #include "arp.h"
 #include "inventory.h"
 #include "link_check.h"
 #include "nd.h"
 #include "ping.h"
-#include "record.h"
 #include "srcip.h"
 #include "suite_state.h"
 #include "target.h"
@@ -30,7 +31,7 @@ struct activation {
     inventory rows;
     vdevinfo target = {};
     unique_fd link_socket; ///< what the link is asked through
-    bool asked = false;    ///< the duplicate-address check found nobody, or was overridden
+    bool asked = false;    ///< the duplicate-address check found out whether anybody has the address
     dad_look dad = {DAD_UNKNOWN, 0};
 };
 

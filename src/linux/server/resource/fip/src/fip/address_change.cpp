@@ -1,9 +1,9 @@
 #include "address_change.h"
 
 #include "../command.h"
-#include "../nicLayout.h"
+#include "../nicIfconfig.h"
 #include "../text.h"
-#include "guard.h"
+#include "guarded_removal.h"
 #include "trace_source.h"
 
 #include <arpa/inet.h>
@@ -87,17 +87,10 @@ int remove_plainly(const vdevinfo *pvdevinfo, const FIP_INFO *pfipinfo)
     return FIP_SUCCESS;
 }
 
-/// Whether a removal takes only the address. One of IPv6 always goes alone.
-bool is_guarded()
-{
-    return practice.guardif != 0 && ipv6flag == 0;
-}
-
 /// Takes off what an addition that failed half-way has placed, and nothing else.
-int remove_placed(const vdevinfo *pvdevinfo)
+int remove_placed(const vdevinfo *pvdevinfo, const FIP_INFO &info)
 {
-    FIP_INFO placed = {};
-    copy_text(placed.addr, pvdevinfo->sipel.addr);
+    FIP_INFO placed = info;
     copy_text(placed.ifname, nic_device_name(*pvdevinfo));
     return fip_guard(pvdevinfo, &placed, remove_plainly);
 }
@@ -137,8 +130,10 @@ int fip_act_ipaddr(const vdevinfo *pvdevinfo, const FIP_INFO *pfipinfo, bool dad
         const bool whole = add_command(*pvdevinfo, *pfipinfo, block.get());
         return change_by_command(__func__, block, whole, *pfipinfo);
     }
-    const int ret =
-        nic_act_ipaddr_ioctl(pvdevinfo, dad, is_guarded() ? remove_placed : nic_deact_ipaddr_ioctl);
+    const auto undo = [pfipinfo](const vdevinfo *placed) {
+        return fip_is_guarded() ? remove_placed(placed, *pfipinfo) : nic_deact_ipaddr_ioctl(placed);
+    };
+    const int ret = nic_act_ipaddr_ioctl(pvdevinfo, dad, undo);
     if (ret != NIC_SUCCESS) {
         TRACE(TRACE_ERROR, "nic_act_ipaddr_ioctl(%s -> %s(%s)) failed. (ret(in nicCommon)=%d)",
               pvdevinfo->sipel.addr, pvdevinfo->ifname, pvdevinfo->vdevname, ret);
@@ -149,9 +144,14 @@ int fip_act_ipaddr(const vdevinfo *pvdevinfo, const FIP_INFO *pfipinfo, bool dad
     return FIP_SUCCESS;
 }
 
+bool fip_is_guarded()
+{
+    return practice.guardif != 0 && ipv6flag == 0;
+}
+
 int fip_deact_ipaddr(const vdevinfo *pvdevinfo, const FIP_INFO *pfipinfo)
 {
     TRACE(TRACE_DEBUG, "fip_deact_ipaddr()  ENTRY...");
-    return is_guarded() ? fip_guard(pvdevinfo, pfipinfo, remove_plainly)
-                        : remove_plainly(pvdevinfo, pfipinfo);
+    return fip_is_guarded() ? fip_guard(pvdevinfo, pfipinfo, remove_plainly)
+                            : remove_plainly(pvdevinfo, pfipinfo);
 }

@@ -179,3 +179,17 @@ int fip_split_address(const char *addrbuf, char *addr, char *mask, int *masklen,
     }
     return take_mask(masktext, mask, masklen);
 }
+
+bool fip_parse_addr(const char *text, in_addr *addr, in6_addr *addr6)
+{
+    if (ipv6flag != 0) {
+        return inet_pton(AF_INET6, text, addr6) == 1;
+    }
+    return inet_pton(AF_INET, text, addr) == 1;
+}
+
+bool fip_parse_host(const char *text, in_addr *addr, in6_addr *addr6)
+{
+    return fip_parse_addr(text, addr, addr6) &&
+           (ipv6flag != 0 ? !IN6_IS_ADDR_UNSPECIFIED(addr6) : addr->s_addr != INADDR_ANY);
+}

@@ -24,6 +24,14 @@ int fip_ipck(const char *paddr);
 [[nodiscard]] int fip_split_address(const char *addrbuf, char *addr, char *mask, int *masklen, char *ifname,
                                     bool *aliased);
 
+/// Converts an address text to numeric form by ipv6flag; only the matching one of the two is written.
+/// @return true when the text is an address
+[[nodiscard]] bool fip_parse_addr(const char *text, in_addr *addr, in6_addr *addr6);
+
+/// The same for the address of a host. The unspecified address is none: it equals the empty field of every
+/// inventory row that has no address of this family.
+[[nodiscard]] bool fip_parse_host(const char *text, in_addr *addr, in6_addr *addr6);
+
 /// Keeps the run's mode (ipv6flag, fullnotation) for the length of a scope, whatever addresses are taken
 /// apart in it.
 struct run_mode_scope {

@@ -20,7 +20,6 @@
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
-#include <utility>
 
 namespace
 {
@@ -33,13 +32,13 @@ constexpr std::size_t ip_length = sizeof(in_addr);
 /// How long a send may wait for room in the device's queue, seconds: a stuck device must not hang the run.
 constexpr int send_limit_s = 1;
 
-/// The packet socket of the last announcement. Closing it waits for an RCU grace period, 10 ms or so, and the
-/// announcement is made inside the critical section: with fifty addresses to take over, the last of them
-/// would be up half a second later.
-unique_fd left_socket;
+/// The packet socket of all announcements of the run. Closing it waits for an RCU grace period, 10 ms or so,
+/// and the announcement is made inside the critical section: with fifty addresses to take over, the last of
+/// them would be up half a second later.
+unique_fd packet_socket;
 
-/// Holds that socket, for the kernel to close it.
-unique_fd left_ring;
+/// Holds that socket at the end, for the kernel to close it.
+unique_fd closing_ring;
 
 const unsigned char *mac_of(const sockaddr_ll *sll)
 {
@@ -119,16 +118,16 @@ int announce(const vdevinfo &dev, const ifaddrs &entry, int count, int opcode)
     memcpy(dst, entry.ifa_broadaddr, dstsz);
     reinterpret_cast<sockaddr_ll *>(dst)->sll_protocol = htons(ETHERTYPE_ARP);
 
-    unique_fd sock(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (sock.fd < 0) {
-        TRACE_AS(self, TRACE_ERROR, "socket() failed. (sock=%d)", sock.fd);
+    if (packet_socket.fd < 0) {
+        packet_socket.reset(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    }
+    if (packet_socket.fd < 0) {
+        TRACE_AS(self, TRACE_ERROR, "socket() failed. (sock=%d)", packet_socket.fd);
         return fip_internal_error(FIP_ERR_SOCKET);
     }
     const timeval limit = {send_limit_s, 0};
-    setsockopt(sock.fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
-    const int ret = send_packets(sock.fd, pkt, pktsz, dst, dstsz, count);
-    left_socket.reset(std::exchange(sock.fd, -1));
-    return ret;
+    setsockopt(packet_socket.fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+    return send_packets(packet_socket.fd, pkt, pktsz, dst, dstsz, count);
 }
 
 } // namespace
@@ -189,7 +188,7 @@ int fip_send_arp(vdevinfo *pvdevinfo, int count, int opcode)
 
 void fip_close_arp()
 {
-    if (left_socket.fd < 0) {
+    if (packet_socket.fd < 0) {
         return;
     }
     // The files that are registered with an io_uring (io_uring(7)) are released by a kernel thread after the
@@ -197,9 +196,9 @@ void fip_close_arp()
     // registration would wait instead; an administrator may have switched rings off, or no descriptor be
     // free. Then it is the process's end that takes longer.
     io_uring_params params = {};
-    left_ring.reset(static_cast<int>(syscall(SYS_io_uring_setup, 1, &params)));
+    closing_ring.reset(static_cast<int>(syscall(SYS_io_uring_setup, 1, &params)));
     if ((params.features & IORING_FEAT_RSRC_TAGS) != 0 &&
-        syscall(SYS_io_uring_register, left_ring.fd, IORING_REGISTER_FILES, &left_socket.fd, 1) == 0) {
-        left_socket.reset();
+        syscall(SYS_io_uring_register, closing_ring.fd, IORING_REGISTER_FILES, &packet_socket.fd, 1) == 0) {
+        packet_socket.reset();
     }
 }

@@ -2,9 +2,10 @@
 
 #include "../text.h"
 #include "address_change.h"
+#include "address_record.h"
+#include "address_text.h"
 #include "inventory.h"
 #include "ping.h"
-#include "record.h"
 #include "suite_state.h"
 #include "trace_source.h"
 
@@ -175,7 +176,7 @@ int check_ping(deactivation *deact)
 /// Whether the run does without the critical section: the address names its interface and alias.
 bool is_trusted()
 {
-    const bool trusted = fullnotation != 0 && practice.guardif == 0;
+    const bool trusted = fullnotation != 0 && !fip_is_guarded();
     if (trusted) {
         TRACE_AS(self, TRACE_INFO, "trusted mode");
     }

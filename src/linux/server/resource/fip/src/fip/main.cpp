@@ -1,18 +1,18 @@
 /// The agent's entry: command line, run mode, the run, and the exit sequence that every path ends in.
 
 #include "../fip.h"
-#include "../nicLayout.h"
+#include "../nicIfconfig.h"
 #include "../text.h"
 #include "../worker.h"
 #include "activate.h"
 #include "address_text.h"
 #include "arp.h"
+#include "check_mode.h"
 #include "conf_check.h"
 #include "config.h"
 #include "deactivate.h"
 #include "init.h"
 #include "suite_state.h"
-#include "test_mode.h"
 #include "trace_setup.h"
 #include "trace_source.h"
 
@@ -314,7 +314,7 @@ int main(int argc, char **argv)
         code = CHECK_FAILED;
     }
     char text[FIP_PATH_SIZE];
-    describe(code, check, text);
+    describe(code, check, text); // before the message is filed: an empty one becomes "Success." then
     finish(code, &info);
     // Nothing is held any more, should the terminal have been stopped.
     tell_person(code, check ? argc != 3 : code == FIP_ERR_OPTION, text);

@@ -1,10 +1,10 @@
 #include "ping.h"
 
 #include "../command.h"
-#include "../heap.h"
 #include "../name_list.h"
 #include "../text.h"
-#include "inventory.h"
+#include "heap.h"
+#include "ifconfig_output.h"
 #include "trace_source.h"
 
 #include "qorxml.h"

@@ -7,12 +7,6 @@
 #include <cstddef>
 #include <span>
 
-/// Events of the logging library's catalogue.
-enum fip_event {
-    FIP_EVENT_INUSE = 10, ///< an activation found a host answering, after all retries
-    FIP_EVENT_FORCED = 11 ///< a failed check was overridden
-};
-
 /// Probes the resource's address, or on activation with pingallip every address that the resource has on any
 /// server, all at once.
 /// @param asked  set to whether it was found out if anybody has the addresses, be that overridden or not; may

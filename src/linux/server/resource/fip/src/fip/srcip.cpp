@@ -4,6 +4,7 @@
 #include "../fip.h"
 #include "../name_list.h"
 #include "../text.h"
+#include "address_text.h"
 #include "config.h"
 #include "inventory.h"
 #include "trace_source.h"

@@ -1,6 +1,6 @@
 /// Which links of this host are to be asked for an address.
-#ifndef LINKS_H
-#define LINKS_H
+#ifndef LINK_CHOICE_H
+#define LINK_CHOICE_H
 
 #include "host_address.h"
 #include "link_probe.h"

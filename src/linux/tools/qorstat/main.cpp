@@ -210,6 +210,7 @@ void print_resource(form shape, const shmrm_state &state, const resource_report 
                           {"device", state.rscfree},
                           {"message", state.descript},
                           {"guard", report.guarded ? "on" : "off"},
+                          {"recorded", report.recorded ? "yes" : "no"},
                           {"note", report.note.c_str()}})
                  .c_str());
         return;

@@ -1,6 +1,6 @@
 // Which layout ifconfig prints: the older one can be parsed, and then the command is used for everything.
 
-#include "nicLayout.h"
+#include "nicIfconfig.h"
 #include "command.h"
 #include "text.h"
 #include "tracersc.h"

@@ -1,6 +1,6 @@
 /// The choice between the kernel and the ifconfig command.
-#ifndef NICLAYOUT_H
-#define NICLAYOUT_H
+#ifndef NICIFCONFIG_H
+#define NICIFCONFIG_H
 
 #include "nicCommon.h"
 
@@ -10,7 +10,7 @@
 /// by nic_chk_isifconfig
 extern int IsIfconfig;
 
-/// End flag of the detection worker. @writer nicLayout
+/// End flag of the detection worker. @writer nicIfconfig
 extern std::atomic<int> nic_actthend;
 
 /// Decides whether the ifconfig command is used: it is when it is on the search path and prints the older

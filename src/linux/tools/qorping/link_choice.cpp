@@ -1,4 +1,4 @@
-#include "links.h"
+#include "link_choice.h"
 
 #include "route.h"
 

@@ -1,8 +1,9 @@
-#include "record.h"
+#include "address_record.h"
 
 #include "../fip.h"
 #include "../text.h"
 #include "../unique_fd.h"
+#include "address_text.h"
 #include "trace_source.h"
 
 #include "qorhome.h"
@@ -199,7 +200,7 @@ int fip_record_read(const char *rscname, fip_record *record)
     if (file.fd < 0 || fstat(file.fd, &st) != 0) {
         return errno;
     }
-    if (!S_ISREG(st.st_mode) || st.st_uid != 0 || (st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    if (!qorhome_is_roots_own(st)) {
         return EPERM;
     }
     const bool whole = st.st_size == static_cast<off_t>(sizeof(*record)) &&

@@ -5,8 +5,8 @@
 /// A resource's record is the file run/fip/NAME below the suite home, where a byte of the name that is
 /// neither an ASCII letter nor a digit nor '_' nor '-' is written as '%' and two hexadecimal digits. It is
 /// replaced whole by rename(2): a process killed at any instant leaves the old or the new one.
-#ifndef FIP_RECORD_H
-#define FIP_RECORD_H
+#ifndef FIP_ADDRESS_RECORD_H
+#define FIP_ADDRESS_RECORD_H
 
 #include "../nicCommon.h"
 

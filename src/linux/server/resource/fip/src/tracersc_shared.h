@@ -1,6 +1,6 @@
 /// How a line of the trace is written: what tracersc.cpp and tracersc_more.cpp share.
-#ifndef TRACERSC_LINE_H
-#define TRACERSC_LINE_H
+#ifndef TRACERSC_SHARED_H
+#define TRACERSC_SHARED_H
 
 #include <cstdarg>
 

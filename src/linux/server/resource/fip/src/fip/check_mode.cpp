@@ -1,4 +1,4 @@
-#include "test_mode.h"
+#include "check_mode.h"
 
 #include "../chklog.h"
 #include "../fip.h"

@@ -3,8 +3,8 @@
 /// Taking a bare interface name down stops the interface; so the address alone is removed, by rtnetlink. The
 /// kernel drops a subnet's other addresses with its first one where promote_secondaries is 0, all routes of
 /// the interface with its last address, and the routes whose source an address was with that address.
-#ifndef FIP_GUARD_H
-#define FIP_GUARD_H
+#ifndef FIP_GUARDED_REMOVAL_H
+#define FIP_GUARDED_REMOVAL_H
 
 #include "../fip.h"
 

@@ -1,6 +1,6 @@
 /// The check mode: judges one resource's configuration without touching the network or the running state.
-#ifndef FIP_TEST_MODE_H
-#define FIP_TEST_MODE_H
+#ifndef FIP_CHECK_MODE_H
+#define FIP_CHECK_MODE_H
 
 /// What any failure of the check mode itself gives.
 enum { CHECK_FAILED = 1 };

@@ -1,4 +1,4 @@
-#include "guard.h"
+#include "guarded_removal.h"
 
 #include "../text.h"
 #include "arp.h"
@@ -369,6 +369,7 @@ int fip_guard(const vdevinfo *dev, const FIP_INFO *info, plain_removal plainly)
         return plainly(dev, info);
     }
     const int err = remove_alone(&work);
+    // Also behind an error: where only the answer was lost, the kernel has removed it, and what goes with it.
     const int ret = fip_bound_memory([&work] {
         put_back(&work);
         return FIP_SUCCESS;
