@@ -210,8 +210,8 @@ long allocations(const site &here)
     return std::stol(contents(file));
 }
 
-/// Kills while a table is locked for a change: the device, the message, and what a new resource or table
-/// takes.
+/// Kills while a table is locked for a change: the device, the message, and what a new resource
+/// or table takes.
 void add_steps(const site &here, std::vector<point> *points)
 {
     for (long lock = 1;; ++lock) {

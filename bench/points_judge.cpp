@@ -55,8 +55,8 @@ const std::map<int, lines> messages = {
     {99, {"-", "Success."}},
 };
 
-// Failures that do not stop a run, but leave their message: of the announcement, and of the ping after a
-// removal.
+// Failures that do not stop a run, but leave their message: of the announcement, and of the ping
+// after a removal.
 const lines not_announced = {internal + "10)", internal + "19)", internal + "21)", internal + "34)"};
 const lines not_pinged = {internal + "2)",  internal + "10)", internal + "11)",
                           internal + "12)", internal + "13)", internal + "22)"};
@@ -182,8 +182,8 @@ bool is_sound(const site &here, const state_row &row)
            (half || row.group == (row.name.empty() ? "" : "g1"));
 }
 
-/// A run that was killed leaves a row as it was in between: the device is recorded first, the rest in the
-/// end.
+/// A run that was killed leaves a row as it was in between: the device is recorded first, the rest
+/// in the end.
 bool is_in_between(const site &here, const state_row &row)
 {
     state_row halfway = here.row_before;

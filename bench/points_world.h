@@ -1,5 +1,5 @@
-/// What can be seen of the agent's runs: the namespace's addresses and routes, the resource states, the
-/// files.
+/// What can be seen of the agent's runs: the namespace's addresses and routes, the resource
+/// states, the files.
 #ifndef POINTS_WORLD_H
 #define POINTS_WORLD_H
 

@@ -50,8 +50,8 @@ bool append(nl_list *list, const nlmsghdr *message)
     return true;
 }
 
-/// Receives one datagram of the kernel. *size is its length; 0 for one of another sender, which does not
-/// count.
+/// Receives one datagram of the kernel. *size is its length; 0 for one of another sender, which
+/// does not count.
 int receive(nl_socket *nl, int flags, std::size_t *size)
 {
     sockaddr_nl from = {};

@@ -47,7 +47,7 @@ std::size_t textline_read(const char *text, std::uint32_t *code)
     }
     *code = first & (0x7fU >> size);
     for (std::size_t i = 1; i < size; ++i) {
-        const auto next = static_cast<unsigned char>(text[i]); // the terminator is none that follows
+        const auto next = static_cast<unsigned char>(text[i]); // a terminator is no continuation, and ends it
         if ((next & 0xc0) != 0x80) {
             return 0;
         }

@@ -8,7 +8,7 @@
 /// Reads the first character of a text as UTF-8 (RFC 3629).
 /// @param code  receives its code point
 /// @return its bytes, 1 to 4; 0 when the text does not begin with a character, as with over-long forms,
-/// surrogates, and what is cut off
+///         surrogates, and what is cut off
 [[nodiscard]] std::size_t textline_read(const char *text, std::uint32_t *code);
 
 /// Copies a text so that it stays within its line and shows what is in it: letters of any script as they are,

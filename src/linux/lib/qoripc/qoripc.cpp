@@ -20,8 +20,7 @@
 namespace
 {
 
-/// A holder that was stopped in the middle must not hang the node: the change is given up after this
-/// long.
+/// A holder that was stopped in the middle must not hang the node: the change is given up after this long.
 constexpr long lock_wait_ms = 2000;
 constexpr long lock_poll_ms = 1;
 constexpr int read_tries = 1000;

@@ -31,8 +31,8 @@ constexpr std::size_t type_max = 32;
 /// Bytes of a line with its newline; a longer one is cut. The longest text of the agent takes about 1300.
 constexpr std::size_t line_size = 4096;
 constexpr std::size_t text_size = 2048;
-/// Looks at the path in one call: rename the full file, open the new one, and one more for a rival in
-/// between.
+/// Looks at the path in one call: rename the full file, open the new one, and one more for a
+/// rival in between.
 constexpr int reopen_tries = 3;
 /// Longer than a write of one line takes.
 constexpr long write_time_ns = 1000000;

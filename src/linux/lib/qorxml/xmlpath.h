@@ -12,8 +12,8 @@
 /// interpreted: a name may hold any character, except that one with a '/' cannot be written in a path.
 using xml_path = std::vector<std::string_view>;
 
-/// Splits a path at its slashes; the tag of a component ends at its first '@'. The components point into
-/// `text`.
+/// Splits a path at its slashes; the tag of a component ends at its first '@'. The components
+/// point into `text`.
 /// @return SUCCESS; INVALID_PATH when `text` does not begin with '/' or a component has no tag
 [[nodiscard]] int xmlpath_split(std::string_view text, xml_path *path);
 
@@ -28,7 +28,7 @@ using xml_path = std::vector<std::string_view>;
 [[nodiscard]] std::uint32_t xmlpath_find(xml_tree *tree, const xml_path &path);
 
 /// @return the names, pointing into the tree, of all elements that the last component's tag selects, in
-/// document order; a name longer than a slot of xmllib_enum_value is left out
+///         document order; a name longer than a slot of xmllib_enum_value is left out
 [[nodiscard]] std::vector<std::string_view> xmlpath_names(xml_tree *tree, const xml_path &path);
 
 /// Hands a value to the caller; arguments and result as xmllib_get_value.

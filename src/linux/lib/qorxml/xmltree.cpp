@@ -258,9 +258,9 @@ int xmltree_parse(std::string_view bytes, xml_tree *tree)
     set_callbacks(parser->sax);
     parser->userData = &builder;
     // NOENT: without it "&amp;" in an attribute value arrives as "&#38;". It opens no door, because a
-    // document that declares an entity is refused at the declaration. No HUGE: the parser's limits on depth
-    // and on the length of a name or a text stand. A document is made only for declarations, and of no use
-    // here.
+    // document that declares an entity is refused at the declaration. No HUGE: the parser's limits on
+    // depth and on the length of a name or a text stand. A document is made only for declarations, and of
+    // no use here.
     xmlFreeDoc(xmlCtxtReadIO(parser.get(), feed, nullptr, &builder, nullptr, nullptr,
                              XML_PARSE_NONET | XML_PARSE_NOENT | XML_PARSE_NOERROR | XML_PARSE_NOWARNING));
     return judge(builder);

@@ -44,7 +44,7 @@ struct xml_tree {
 /// instruction or document type declaration; and what stands behind a NUL, which the parser would not see.
 /// @param tree  an empty tree; to be thrown away unless the result is SUCCESS
 /// @return SUCCESS; INVALID_XML when the bytes are not such a document or too many; OTHER when memory ran out
-/// (INVALID_XML where the parser does not tell)
+///         (INVALID_XML where the parser does not tell)
 [[nodiscard]] int xmltree_parse(std::string_view bytes, xml_tree *tree);
 
 [[nodiscard]] std::string_view xmltree_key(const xml_tree &tree, std::uint32_t element);

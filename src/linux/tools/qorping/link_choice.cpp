@@ -43,14 +43,14 @@ hardware_address read_hardware_address(const sockaddr *address, std::uint8_t len
     return read;
 }
 
-/// Whether the interface's hosts are found by ARP and neighbour discovery, and it can carry packets now. A
-/// tun or ppp device has no hardware addresses; without a carrier nothing goes out, and silence means
-/// nothing.
+/// Whether the interface's hosts are found by ARP and neighbour discovery, and it can carry packets
+/// now. A tun or ppp device has no hardware addresses; without a carrier nothing goes out, and
+/// silence means nothing.
 bool can_be_asked(const ifaddrs &entry, const sockaddr_ll &packet)
 {
     constexpr unsigned needed = IFF_UP | IFF_RUNNING;
-    // Through a bond's port the switch would learn the bond's address in the wrong place; the bond itself is
-    // asked.
+    // Through a bond's port the switch would learn the bond's address in the wrong place; the bond
+    // itself is asked.
     return (entry.ifa_flags & (needed | IFF_NOARP | IFF_SLAVE)) == needed &&
            (packet.sll_hatype == ARPHRD_ETHER || packet.sll_hatype == ARPHRD_INFINIBAND) &&
            packet.sll_halen > 0 && packet.sll_halen <= hardware_address{}.bytes.size() &&

@@ -14,8 +14,8 @@ namespace
 
 constexpr std::size_t ip_length = sizeof(in_addr);
 
-// The fixed part of an ARP packet (RFC 826); sender and target follow, each a hardware and a protocol
-// address.
+// The fixed part of an ARP packet (RFC 826); sender and target follow, each a hardware and
+// a protocol address.
 constexpr std::size_t arp_type_at = 0;
 constexpr std::size_t arp_protocol_at = 2;
 constexpr std::size_t arp_hardware_length_at = 4;

@@ -32,9 +32,8 @@ struct probe_report {
 /// link, all questions of the last round went out there, and nobody answered within 200 ms of the last of
 /// them, then the run ends, 400 ms after that round began: an echo reply would have needed that answer first.
 ///
-/// Errors of a single request do not end the run: a route or a source address may be there a second later.
-/// So every round chooses the links anew. A link that could not be asked, or not three times, decides
-/// nothing.
+/// Errors of a single request do not end the run: a route or a source address may be there a second later. So
+/// every round chooses the links anew. A link that could not be asked, or not three times, decides nothing.
 [[nodiscard]] probe_outcome qorping_probe(const probe_target &target, const probe_options &options,
                                           probe_report *report);
 

@@ -20,8 +20,8 @@ route_match judge(const nl_route &route)
     if (route.gateway) {
         return {ROUTE_GATEWAY, 0};
     }
-    // A route whose hops are told otherwise (several of them, or an object of their own) says nothing for
-    // sure.
+    // A route whose hops are told otherwise (several of them, or an object of their own) says
+    // nothing for sure.
     return route.ifindex == 0 ? route_match{ROUTE_OPEN, 0}
                               : route_match{ROUTE_LINK, static_cast<unsigned>(route.ifindex)};
 }

@@ -55,7 +55,8 @@ int find_places(const host_address &address, std::vector<address_place> *places)
     nl_request request;
     nl_list answer;
     nl_begin(&request, RTM_GETADDR, 0, all);
-    // What a list has shown that changes all the time is there; what it has not may have been passed over.
+    // Of a list that never stays still while it is read (EAGAIN), a place that it shows is one all the same;
+    // where it shows none, one may have been passed over.
     const int ret = nl_dump(&kernel, &request, &answer);
     if (ret != 0 && ret != EAGAIN) {
         return ret;

@@ -63,8 +63,8 @@ int fail(const char *what, int ret)
     return exit_unreadable;
 }
 
-/// A text of a state as it is shown: it comes from outside, and could disturb the columns or command the
-/// terminal.
+/// A text of a state as it is shown: it comes from outside, and could disturb the columns or
+/// command the terminal.
 std::string printable(const char *text)
 {
     char shown[sizeof("\\xNN") * SHMRM_DESCRIPT_SIZE]; // of the longest field

@@ -32,7 +32,7 @@ struct logmsg {
     const char *msg; ///< printf format
 };
 
-/// Known to the compiler, which so checks the values that a row is written with.
+/// A constant, so that the compiler checks the values that a row is written with against its format.
 inline constexpr logmsg logtbl[CHK_ID_COUNT] = {
     {1, "Success in a composition check."},
     {2, "Invalid argument."},
@@ -55,8 +55,8 @@ inline constexpr logmsg logtbl[CHK_ID_COUNT] = {
 [[nodiscard]] int chk_log_term(const char *type, const char *rscname);
 
 /// Writes one line, "I [NUMBER] MESSAGE" for CHK_LEVEL_INFO, "E ..." for any other level. A message is
-/// escaped like the trace log's, and cut at 1023 bytes; one that has just as many leaves its line without a
-/// newline.
+/// escaped like the trace log's, and cut at 1023 bytes; one that has just as many leaves its line
+/// without a newline.
 /// @param index  number of the line: the `index` of a row of logtbl
 /// @return 0, or 1 when the line did not reach the file
 int chk_log_write(int level, int index, const char *fmt, ...) __attribute__((format(printf, 3, 4)));

@@ -150,8 +150,8 @@ struct spawn_setup {
 
 int start(command *cmd, const char *line, long limit_ms, const spawn_setup &setup)
 {
-    // The shell makes way for the command: waiting for it, it would turn the signal that ends it into an exit
-    // status.
+    // The shell makes way for the command: waiting for it, it would turn the signal that ends it into
+    // an exit status.
     const std::string exec_line = std::string("exec ") + line;
     const char *argv[] = {"sh", "-c", exec_line.c_str(), nullptr};
     pid_t pid = -1;
@@ -255,6 +255,9 @@ int command_close(command *cmd)
     int status = 0;
     const pid_t reaped = reap(cmd->pid, &status);
     cmd->pid = -1;
+    if (reaped > 0) {
+        errno = 0; // what waiting has left says nothing of the command
+    }
     return reaped > 0 ? status : -1;
 }
 

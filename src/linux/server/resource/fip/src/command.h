@@ -71,7 +71,7 @@ enum { COMMAND_NO_LIMIT = 0 };
 /// How a command ended.
 struct command_result {
     enum { SUCCEEDED, FAILED, ABNORMAL } end; ///< ABNORMAL: it could not be run, or a signal ended it
-    int code;                                 ///< FAILED: its exit status; ABNORMAL: errno
+    int code; ///< FAILED: its exit status; ABNORMAL: errno, 0 when a signal ended it
 };
 
 /// Judges a wait status, or the -1 in place of one. An end is normal when its low seven bits are zero.

@@ -55,6 +55,63 @@ int fip_internal_error(int code)
     return code;
 }
 
+const char *fip_code_text(int code)
+{
+    switch (code) {
+    case FIP_ERR_TOOL:
+        return "The ping tool failed.";
+    case FIP_ERR_STATUS:
+        return "ifconfig failed.";
+    case FIP_ERR_OPTION:
+        return "The command line is wrong.";
+    case FIP_ERR_NOTROOT:
+        return "Only root can do this.";
+    case FIP_ERR_XMLINIT:
+        return "The configuration library did not start.";
+    case FIP_ERR_XMLCONF:
+        return "The configuration cannot be loaded: it is missing, not well-formed, or others than root may "
+               "write it.";
+    case FIP_ERR_POLICY:
+        return "A policy cannot be loaded.";
+    case FIP_ERR_ADDRESS:
+        return "The configuration gives the resource no address.";
+    case FIP_ERR_MEMORY:
+        return "There is no memory.";
+    case FIP_ERR_ABNORMAL:
+        return "A command could not be run to its end.";
+    case FIP_ERR_POPEN:
+        return "A command could not be started.";
+    case FIP_ERR_NOTOOL:
+        return "There is no ping tool where ping/path says.";
+    case FIP_ERR_MACADDR:
+        return "ifconfig prints a hardware address that is none.";
+    case FIP_ERR_SOCKET:
+        return "There is no socket for the link check.";
+    case FIP_ERR_THREAD:
+        return "A thread could not be started.";
+    case FIP_ERR_TIMEOUT:
+        return "ifconfig did not end in time.";
+    case FIP_ERR_CHECKIF:
+        return "The address is still here after its removal.";
+    case FIP_ERR_CHECKPING:
+        return "The address still answers after its removal.";
+    case FIP_ERR_ALIAS:
+        return "The configured alias is taken.";
+    case FIP_ERR_IPFORMAT:
+        return "The address is none.";
+    case FIP_ERR_IFNAME:
+        return "The interface or the alias in the address is wrong.";
+    case FIP_ERR_MASK:
+        return "The bits in the address are wrong.";
+    case FIP_ERR_VALUE:
+        return "A policy lacks a path.";
+    case FIP_ERR_HOSTNAME:
+        return "The host name cannot be read.";
+    default:
+        return nullptr;
+    }
+}
+
 int fip_out_of_memory()
 {
     trace(TRACE_ERROR, "src/fip.c", __LINE__, __func__, "No memory. (errno=%d)", errno);

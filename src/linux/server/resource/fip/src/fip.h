@@ -1,5 +1,5 @@
-/// What the whole agent shares: the resource record, the run-mode globals, the exit codes, the result
-/// message.
+/// What the whole agent shares: the resource record, the run-mode globals, the exit codes,
+/// the result message.
 #ifndef FIP_H
 #define FIP_H
 
@@ -15,7 +15,8 @@
 enum { FIP_SHMBUF_SIZE = 128, FIP_ADDRARG_SIZE = 82, FIP_PATH_SIZE = 1024 };
 
 /// Exit codes, which are the status codes of the agent's functions too: a failing step's code is carried up
-/// unchanged and becomes the exit status.
+/// and becomes the exit status. Source routing's are the exception: a step of activate.cpp turns most of them
+/// into FIP_ERR_INTERNAL.
 enum fip_code {
     FIP_SUCCESS = 0,
     FIP_ERR_TOOL = 2,       ///< the ping tool failed by its own account
@@ -182,6 +183,9 @@ void fip_set_message(const char *fmt, ...) __attribute__((format(printf, 1, 2)))
 /// Puts "Internal error. (status=CODE)" into shmbuf.
 /// @return code
 int fip_internal_error(int code);
+
+/// What an exit code stands for, in words for a person; null for a code that is none of ours.
+[[nodiscard]] const char *fip_code_text(int code);
 
 /// Tells of a failed allocation, in the trace and in the result message. @return FIP_ERR_MEMORY
 int fip_out_of_memory();

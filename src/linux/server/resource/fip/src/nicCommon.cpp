@@ -25,7 +25,7 @@ struct request {
     /// Issues one of netdevice(7)'s requests.
     int issue(unsigned long code) { return named ? ioctl(sock.fd, code, &ifr) : refuse(); }
 
-    /// Puts an IPv4 address into the request; the fields share their place.
+    /// Puts an IPv4 address into the request, whose fields for address, netmask and broadcast are one union.
     void set_addr(in_addr addr)
     {
         sockaddr_in sin = {};

@@ -1,5 +1,5 @@
-/// The kernel's side of the network: interface records, and addresses added and removed by ioctl
-/// (netdevice(7)).
+/// The kernel's side of the network: interface records, and addresses added and removed
+/// by ioctl (netdevice(7)).
 #ifndef NICCOMMON_H
 #define NICCOMMON_H
 
@@ -106,8 +106,8 @@ enum nic_code {
 
 /// Puts the target's address on its interface, and brings that up. What was placed is taken off again
 /// when a later step fails.
-/// @param dad   IPv6: the kernel's duplicate address detection runs; without, the address is put on by
-///              rtnetlink
+/// @param dad   IPv6: the kernel's duplicate address detection runs; without, the address is put
+///              on by rtnetlink
 /// @param undo  how it is taken off again; returns 0 or a code for the trace
 /// @return 0, NIC_ERR_SOCKET, or the code of the request that failed
 [[nodiscard]] int

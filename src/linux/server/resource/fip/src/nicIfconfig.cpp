@@ -11,7 +11,7 @@
 #include <cstring>
 #include <memory>
 
-int IsIfconfig = 1;
+int IsIfconfig = 1; // until fip/main has had it decided, before anything reads it
 std::atomic<int> nic_actthend{0};
 
 namespace

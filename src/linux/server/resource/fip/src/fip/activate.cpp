@@ -372,7 +372,8 @@ constexpr step steps[] = {
     // Nothing is known about the link: no reason to take an address off.
     {open_link_socket, nullptr, step::KEEP},
     {check_link},
-    // What was added is not there any more.
+    // Fails when what was added is not there any more. The next step, and an announcement of IPv6, go by what
+    // it has found.
     {await_dad, nullptr, step::KEEP},
     {refuse_duplicate},
     {set_source},

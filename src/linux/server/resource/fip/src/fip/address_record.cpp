@@ -77,7 +77,8 @@ void sweep_file(int directory_fd, const char *name)
     }
 }
 
-/// Removes all such files. No memory is asked for: the address is up, and there may be none.
+/// Removes all such files. It asks for no memory: the address is up, and a run that has none left must still
+/// come to its record.
 void sweep()
 {
     char path[PATH_MAX];

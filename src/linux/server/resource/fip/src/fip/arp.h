@@ -27,9 +27,9 @@ enum { ARP_PACKET_SIZE = 256 };
 ///         FIP_ERR_SEND. All but the missing or overlong addresses leave a result message.
 [[nodiscard]] int fip_send_arp(vdevinfo *pvdevinfo, int count, int opcode);
 
-/// Leaves it to the kernel to close the announcement's socket, which would take 10 ms. For the very end of
-/// the process, when all is filed and closed: a filter that kills for the system calls used here does no harm
-/// then.
+/// Leaves it to the kernel to close the announcement's socket, which would take 10 ms. For the very end
+/// of the process, when all is filed and closed: a filter that kills for the system calls used here does
+/// no harm then.
 void fip_close_arp();
 
 #endif

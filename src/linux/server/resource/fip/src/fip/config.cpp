@@ -31,7 +31,8 @@ constexpr int_param ping_deact_params[] = {
     {"ping/execute_in_npsimu_on_deact", &FIP_INFO::pingnpsimu, 0},
 };
 
-constexpr int_param ping_act_params[] = {
+// In the order of the trace: the first is the way of an activation, which a deactivation does not choose.
+constexpr int_param act_params[] = {
     {"ifconfig/use", &FIP_INFO::ifconfuse, 0},
     {"ping/timeout", &FIP_INFO::pingtout, 1},
     {"ping/retry", &FIP_INFO::pingretry, 0},
@@ -114,7 +115,7 @@ void read_ints(FIP_INFO *info, std::span<const int_param> params)
     }
 }
 
-/// A configuration from before these parameters lacks them rightly.
+/// A configuration from before these parameters lacks them, which is no reason for a warning.
 void read_practice(const FIP_INFO &info, std::span<const practice_param> params)
 {
     for (const practice_param &param : params) {
@@ -151,7 +152,7 @@ void read_ping(FIP_INFO *info)
         info->pingforce = 0;
         read_ints(info, ping_deact_params);
     } else {
-        read_ints(info, ping_act_params);
+        read_ints(info, act_params);
     }
     TRACE_AS(self, TRACE_DEBUG, "ping       = cmd:%s,to:%d,rty:%d,itv:%d,frc:%d,nps:%d", info->pingcmd,
              info->pingtout, info->pingretry, info->pinginterval, info->pingforce, info->pingnpsimu);

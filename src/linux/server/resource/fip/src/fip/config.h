@@ -53,10 +53,10 @@ struct policy_scope {
 [[nodiscard]] int fip_xml_read_address(const char *func, const char *rscname,
                                        char (&value)[FIP_ADDRARG_SIZE]);
 
-/// Reads the address that applies to this server into the record's addr, mask, masklen and ifname, by its
-/// rscname.
-/// @return 0; FIP_ERR_HOSTNAME; FIP_ERR_ADDRESS when it cannot be read, with a result message; the result of
-///         fip_div_ipmask
+/// Reads the address that applies to this server into the record's addr, mask, masklen and ifname,
+/// by its rscname.
+/// @return 0; FIP_ERR_HOSTNAME; FIP_ERR_ADDRESS when it cannot be read, with a result message; the
+///         result of fip_div_ipmask
 [[nodiscard]] int fip_xml_get_address(FIP_INFO *pfipinfo);
 
 /// Whether a removal of the resource's address takes nothing else with it, by guard/interface. Without a

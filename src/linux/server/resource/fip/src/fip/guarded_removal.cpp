@@ -127,8 +127,8 @@ int remove_alone(removal *work)
 {
     nl_request request;
     nl_repeat(&request, RTM_DELADDR, NLM_F_ECHO, work->own);
-    // The kernel tells of all at once, before the first can be taken: some 1 KiB of its memory for each
-    // message.
+    // The kernel tells of all at once, before the first can be taken: some 1 KiB of its memory
+    // for each message.
     const int room =
         static_cast<int>(std::min<std::size_t>(16 * work->addresses.bytes.size(), INT_MAX / 4)) + 65'536;
     setsockopt(work->kernel.sock.fd, SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof(room));
@@ -207,8 +207,8 @@ struct remainder {
     std::unordered_set<std::string_view> messages; ///< of `routes`: an interface may have a million
 };
 
-/// Whether the kernel has put a route of its own where this one was: so it does for an address that is put
-/// back.
+/// Whether the kernel has put a route of its own where this one was: so it does for an address that
+/// is put back.
 bool is_supplanted(const nl_list &routes, const nl_route &wanted)
 {
     bool found = false;
@@ -324,8 +324,8 @@ void put_back_routes(removal *work)
     }
 }
 
-/// Puts back what went with the address: the kernel names each address that this removal dropped, in its
-/// order.
+/// Puts back what went with the address: the kernel names each address that this removal dropped,
+/// in its order.
 void put_back(removal *work)
 {
     std::vector<nl_address> back;

@@ -3,8 +3,8 @@
 #define FIP_INIT_H
 
 /// Makes sure that the run may do what it is to do, and starts the configuration library and the trace log.
-/// @return 0; FIP_ERR_NOTROOT; a result of fip_xml_init or fip_log_init. Each failure leaves a result
-/// message.
+/// @return 0; FIP_ERR_NOTROOT; a result of fip_xml_init or fip_log_init. Each failure leaves
+///         a result message.
 [[nodiscard]] int fip_init();
 
 /// Opens the story of a run in the trace log: `opening`, the source's revision, and when it was built.

@@ -22,9 +22,9 @@ void *fip_cmd_popen(void *parg);
 /// Runs the command and reads its output in the older layout.
 /// @param cmdpath  FIP_PATH_SIZE bytes: the command text, which " -a" is appended to
 /// @return 0; FIP_ERR_POPEN; FIP_ERR_MEMORY; FIP_ERR_MACADDR; FIP_ERR_IPFORMAT, FIP_ERR_IFNAME or
-///         FIP_ERR_MASK for an IPv6 address; FIP_ERR_STATUS when the command fails; FIP_ERR_ABNORMAL when a
-///         signal ends it, or when the command text is too long to run whole. The rows are written on success
-///         only.
+///         FIP_ERR_MASK for an IPv6 address; FIP_ERR_STATUS when the command fails; FIP_ERR_ABNORMAL
+///         when a signal ends it, or when the command text is too long to run whole. The rows are
+///         written on success only.
 [[nodiscard]] int fip_get_ipaddrlist(inventory *ipaddrlist, char *cmdpath);
 
 #endif

@@ -23,6 +23,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <string_view>
 #include <unistd.h>
 
 namespace
@@ -245,17 +246,22 @@ int run(int argc, char **argv, record *info)
     return run_sequence(info->get());
 }
 
-/// What came of the run, for a person. An empty message is filed as a success, whatever the code is.
+/// What came of the run, for a person: the message, unless the code's words say more. An empty message is
+/// filed as a success, whatever the code is.
 void describe(int code, bool check, char (&text)[FIP_PATH_SIZE])
 {
     if (check && code == FIP_SUCCESS) {
         copy_text(text, "The check passed.");
     } else if (rdrctfile[0] != '\0') { // the check has named its log
         format_text(text, sizeof(text), "The check did not pass: see %s", rdrctfile);
-    } else if (shmbuf[0] != '\0') {
-        copy_text(text, shmbuf);
+    } else if (code == FIP_SUCCESS) {
+        copy_text(text, shmbuf[0] != '\0' ? shmbuf : "Success.");
+    } else if (const char *words = fip_code_text(code);
+               words != nullptr &&
+               (shmbuf[0] == '\0' || std::string_view(shmbuf).starts_with("Internal error."))) {
+        copy_text(text, words);
     } else {
-        copy_text(text, code == FIP_SUCCESS ? "Success." : "The run failed: see the trace log.");
+        copy_text(text, shmbuf[0] != '\0' ? shmbuf : "The run failed: see the trace log.");
     }
 }
 
@@ -279,8 +285,8 @@ void tell_person(int code, bool usage, char *text)
     }
 }
 
-/// Reports, releases everything in the reverse order of its start, and closes the trace log,
-/// unless a worker was left behind that may still use it.
+/// Reports, releases everything in the reverse order of its start, and closes the trace log, unless a worker
+/// was left behind that may still use it.
 void finish(int code, record *info)
 {
     fip_shmrm_setdescript(*info ? (*info)->rscname : "", *info ? (*info)->grpname : "");

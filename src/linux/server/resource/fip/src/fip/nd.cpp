@@ -27,7 +27,8 @@ constexpr std::size_t option_unit = 8;
 
 constexpr in6_addr all_nodes = {{{0xff, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}}};
 
-/// What a look at the address tells of its DAD.
+/// What a look at the address tells of its DAD. An optimistic address (RFC 4429) is in use already, but not
+/// to be announced before the end.
 dad_state judge(const nl_address &address, bool carrier)
 {
     if ((address.flags & IFA_F_DADFAILED) != 0) {
@@ -146,8 +147,8 @@ std::size_t make_na(unsigned char *pkt, const in6_addr &addr, const nl_link &lin
     head.nd_na_target = addr;
     memcpy(pkt, &head, sizeof(head));
     unsigned char *option = pkt + sizeof(head);
-    // InfiniBand has two reserved bytes before its address (RFC 4391 9.3), others what is left over behind
-    // it.
+    // InfiniBand has two reserved bytes before its address (RFC 4391 9.3); other links have their padding
+    // behind it.
     const std::size_t gap = sizeof(nd_opt_hdr) + (link.type == ARPHRD_INFINIBAND ? 2 : 0);
     const std::size_t units = (gap + link.maclen + option_unit - 1) / option_unit;
     option[0] = ND_OPT_TARGET_LINKADDR;

@@ -43,7 +43,8 @@ void fip_await_dad(const vdevinfo &dev, int timeout);
 /// other: they are to outlast a lost packet, and the run does not stay for one later.
 /// @return 0; FIP_ERR_NODEV when there is no such interface, or it has no hardware address; FIP_ERR_IFLIST
 ///         when rtnetlink cannot be asked; FIP_ERR_SOCKET; FIP_ERR_SEND, also when the kernel does not let
-///         the address send because its DAD is not over. All but the missing address leave a message.
+///         the address send because its DAD is not over. All but the missing hardware address
+///         leave a result message.
 [[nodiscard]] int fip_send_na(const vdevinfo &dev, int count);
 
 #endif

@@ -25,9 +25,9 @@
 void *fip_ping_retry(void *parg);
 
 /// Runs the ping tool on one address.
-/// @return 0 when nobody answers; FIP_ERR_INUSE; FIP_ERR_TOOL; FIP_ERR_ABNORMAL when the tool could not be
-///         run, was ended by a signal, or had to be ended because it outlived its own time-out;
-///         FIP_ERR_NOTOOL
+/// @return 0 when nobody answers; FIP_ERR_INUSE; FIP_ERR_TOOL; FIP_ERR_ABNORMAL when the tool
+///         could not be run, was ended by a signal, or had to be ended because it outlived its
+///         own time-out; FIP_ERR_NOTOOL
 [[nodiscard]] int fip_chk_ip_response(PIP_INFO pip);
 
 /// Bytes of a hardware address's text.

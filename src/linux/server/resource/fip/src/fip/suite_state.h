@@ -1,7 +1,8 @@
 /// The suite's shared memory and semaphores, as the run uses them.
 ///
 /// Nothing here stops the run: a facility that could not be attached or entered is skipped by the later
-/// operations. The counters (shmrmflag and so on) say what is attached.
+/// operations. The globals shmrmflag, shmnmflag, semflag and sementifflag say what
+/// is attached and entered.
 #ifndef FIP_SUITE_STATE_H
 #define FIP_SUITE_STATE_H
 
