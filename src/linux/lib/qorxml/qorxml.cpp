@@ -27,8 +27,8 @@ struct loaded_policy {
     tree_owner tree;
 };
 
-// What a handle points to. The record stays until the library stops, without a tree once it is unloaded: so
-// an old handle can't come to mean a file that was loaded later.
+/// What a handle points to. The record stays until the library stops, without a tree once it is unloaded: so
+/// an old handle can't come to mean a file that was loaded later.
 struct path_config {
     tree_owner tree;
 };
@@ -40,8 +40,8 @@ struct library_state {
     std::vector<std::unique_ptr<path_config>> files;
 };
 
-// Memory that the first call of a run asks for: where there is none at all, not even nothrow new may be
-// asked, for that would have no room for the exception that it catches.
+/// Memory that the first call of a run asks for: where there is none at all, not even nothrow new may be
+/// asked, for that would have no room for the exception that it catches.
 struct library_deleter {
     void operator()(library_state *state) const
     {
@@ -52,7 +52,7 @@ struct library_deleter {
 
 std::unique_ptr<library_state, library_deleter> library; // null while stopped
 
-// Every operation runs in here: started library, no exception out of it.
+/// Every operation runs in here: started library, no exception out of it.
 template <typename Operation>
 int run(Operation operation)
 {
@@ -71,7 +71,7 @@ bool is_acceptable(const struct stat &st)
     return qorhome_is_roots_own(st) && st.st_size <= static_cast<off_t>(xmltree_max_bytes);
 }
 
-// NOTEXIST_PATH when there is no such file, INVALID_XML when it can't be trusted or read.
+/// NOTEXIST_PATH when there is no such file, INVALID_XML when it can't be trusted or read.
 int read_file(const char *file, std::string *bytes)
 {
     // NONBLOCK: a FIFO in the file's place must not hold the agent up.
@@ -113,7 +113,7 @@ int load_file(const char *file, tree_owner *tree)
     return ret;
 }
 
-// As load_file, for a configuration: a missing file is as bad as a broken one.
+/// As load_file, for a configuration: a missing file is as bad as a broken one.
 int load_config_file(const char *file, tree_owner *tree)
 {
     const int ret = load_file(file, tree);
@@ -139,7 +139,7 @@ auto find_policy(const char *type)
                         [type](const loaded_policy &policy) { return policy.type == type; });
 }
 
-// Offers every place where `path` may be found to `visit(tree, path)`, best first, until one is taken.
+/// Offers every place where `path` may be found to `visit(tree, path)`, best first, until one is taken.
 template <typename Visit>
 void visit_sources(const xml_path &path, Visit visit)
 {
@@ -170,7 +170,7 @@ int get_value(const xml_path &path, int type, void *buf, int *size)
     return ret;
 }
 
-// What all readers check, in this order, before they look anything up.
+/// What all readers check, in this order, before they look anything up.
 int prepare_read(bool arguments_valid, const char *path_text, xml_path *path)
 {
     if (current_config() == nullptr) {

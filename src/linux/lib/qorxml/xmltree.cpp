@@ -10,21 +10,21 @@
 
 namespace
 {
-// Children looked at one by one before the rest of a search goes through the sorted list: below this,
-// sorting costs more than the thirty searches of a run.
+/// Children looked at one by one before the rest of a search goes through the sorted list: below this,
+/// sorting costs more than the thirty searches of a run.
 constexpr int linear_children = 64;
 
 constexpr std::string_view white_space = " \t\r\n";
 
-// What the parser takes quadratic time for: the different names of a document, the namespaces in scope, and
-// the attributes of an element, which it hands over together; so a start tag is cut off where it has no end.
-// Each is far beyond what a configuration needs, and what it allows costs milliseconds.
+/// What the parser takes quadratic time for: the different names of a document, the namespaces in scope, and
+/// the attributes of an element, which it hands over together; so a start tag is cut off where it has no end.
+/// Each is far beyond what a configuration needs, and what it allows costs milliseconds.
 constexpr int max_names = 10000;
 constexpr int max_namespaces = 64;
 constexpr int max_attributes = 64;
 constexpr std::size_t max_silence = 64UL * 1024; // bytes of markup before the parser reports something
 
-// An element whose end was not seen yet.
+/// An element whose end was not seen yet.
 struct open_element {
     std::uint32_t element;
     std::uint32_t last_child;
@@ -47,7 +47,7 @@ void refuse(tree_builder *builder, int result)
     xmlStopParser(builder->parser);
 }
 
-// Runs one step of the building. An exception must not cross the parser, which is C.
+/// Runs one step of the building. An exception must not cross the parser, which is C.
 template <typename Step>
 void build(void *context, Step step)
 {
@@ -68,7 +68,7 @@ const char *chars_of(const xmlChar *text)
     return reinterpret_cast<const char *>(text);
 }
 
-// Never cuts: see xmltree_max_bytes.
+/// Never cuts: see xmltree_max_bytes.
 std::uint32_t offset_of(std::size_t value)
 {
     return static_cast<std::uint32_t>(value);
@@ -186,7 +186,7 @@ void unknown_entity(void *context, const xmlChar * /*name*/)
     refuse_document(context);
 }
 
-// Every callback that is not set here does nothing; so nothing is loaded, looked up or printed.
+/// Every callback that is not set here does nothing; so nothing is loaded, looked up or printed.
 void set_callbacks(xmlSAXHandler *sax)
 {
     *sax = {};
@@ -207,8 +207,8 @@ struct parser_deleter {
     void operator()(xmlParserCtxtPtr parser) const { xmlFreeParserCtxt(parser); }
 };
 
-// Gives the parser its next bytes, or none once the document has become too costly. Given everything at once,
-// it would report nothing before the end of what it takes its time for.
+/// Gives the parser its next bytes, or none once the document has become too costly. Given everything at
+/// once, it would report nothing before the end of what it takes its time for.
 int feed(void *context, char *buffer, int size)
 {
     auto *builder = static_cast<tree_builder *>(context);
@@ -225,8 +225,8 @@ int feed(void *context, char *buffer, int size)
     return static_cast<int>(len);
 }
 
-// Judges a document that the parser is done with. The parser's own verdict would be "well-formed" for one
-// that it had no memory to begin with, and for one with bytes behind a NUL, which it takes for the end.
+/// Judges a document that the parser is done with. The parser's own verdict would be "well-formed" for one
+/// that it had no memory to begin with, and for one with bytes behind a NUL, which it takes for the end.
 int judge(const tree_builder &builder)
 {
     const xmlParserCtxt &parser = *builder.parser;

@@ -53,12 +53,12 @@ void pass_replies_only(int fd, sa_family_t family)
     if (family == AF_INET) {
         icmp_filter filter = {};
         filter.data = ~(1U << ICMP_ECHOREPLY);
-        (void)setsockopt(fd, SOL_RAW, ICMP_FILTER, &filter, sizeof(filter));
+        setsockopt(fd, SOL_RAW, ICMP_FILTER, &filter, sizeof(filter));
     } else {
         icmp6_filter filter = {};
         ICMP6_FILTER_SETBLOCKALL(&filter);
         ICMP6_FILTER_SETPASS(ICMP6_ECHO_REPLY, &filter);
-        (void)setsockopt(fd, IPPROTO_ICMPV6, ICMP6_FILTER, &filter, sizeof(filter));
+        setsockopt(fd, IPPROTO_ICMPV6, ICMP6_FILTER, &filter, sizeof(filter));
     }
 }
 
@@ -105,7 +105,7 @@ int send_request(int fd, const echo_packet &packet, const host_address &to)
     constexpr int on = 1;
     constexpr int off = 0;
     if (v4) {
-        (void)setsockopt(fd, IPPROTO_IP, IP_RECVERR, &on, sizeof(on));
+        setsockopt(fd, IPPROTO_IP, IP_RECVERR, &on, sizeof(on));
     }
     int error = 0;
     do {
@@ -114,7 +114,7 @@ int send_request(int fd, const echo_packet &packet, const host_address &to)
         error = n < 0 ? errno : 0;
     } while (error == EINTR);
     if (v4) {
-        (void)setsockopt(fd, IPPROTO_IP, IP_RECVERR, &off, sizeof(off));
+        setsockopt(fd, IPPROTO_IP, IP_RECVERR, &off, sizeof(off));
     }
     return error;
 }

@@ -60,12 +60,12 @@ int open_neighbour(link_socket *sock)
         sock->socket.reset();
         return error;
     }
-    (void)setsockopt(fd, IPPROTO_IPV6, IPV6_MULTICAST_LOOP, &off, sizeof(off));
+    setsockopt(fd, IPPROTO_IPV6, IPV6_MULTICAST_LOOP, &off, sizeof(off));
     icmp6_filter types = {};
     ICMP6_FILTER_SETBLOCKALL(&types);
     ICMP6_FILTER_SETPASS(ND_NEIGHBOR_ADVERT, &types);
     ICMP6_FILTER_SETPASS(ND_NEIGHBOR_SOLICIT, &types);
-    (void)setsockopt(fd, IPPROTO_ICMPV6, ICMP6_FILTER, &types, sizeof(types));
+    setsockopt(fd, IPPROTO_ICMPV6, ICMP6_FILTER, &types, sizeof(types));
     packet_filter filter;
     require_address(&filter, BPF_ABS, offsetof(nd_neighbor_advert, nd_na_target), sock->address);
     attach_filter(fd, std::move(filter));
@@ -100,7 +100,7 @@ int send_arp_probe(const link_socket &sock, const network_link &link)
 int send_solicitation(const link_socket &sock, const network_link &link)
 {
     const ipv6_mreq group = {solicited_node_group(sock.address.v6.sin6_addr), link.index};
-    (void)setsockopt(sock.socket.fd, IPPROTO_IPV6, IPV6_JOIN_GROUP, &group, sizeof(group));
+    setsockopt(sock.socket.fd, IPPROTO_IPV6, IPV6_JOIN_GROUP, &group, sizeof(group));
     const sockaddr_in6 to = {AF_INET6, 0, 0, group.ipv6mr_multiaddr, link.index};
     return send_packet(sock.socket.fd, neighbour_solicitation(link, sock.address.v6.sin6_addr), &to,
                        sizeof(to));

@@ -1,6 +1,7 @@
 #include "chkutil.h"
 
 #include "chklog.h"
+#include "config_value.h"
 #include "name_list.h"
 #include "text.h"
 #include "tracersc.h"
@@ -97,8 +98,7 @@ int check_property(const char *rscname, const property &prop, const name_list &s
 
 int read_int(const char *path, int *value)
 {
-    int size = sizeof(*value);
-    const int ret = xmllib_get_value(path, QOR_XMLTYPE_INT, value, &size);
+    const int ret = read_config_int(path, value);
     return ret == QOR_XMLERR_SUCCESS ? CHK_PASSED : unreadable(numeric_name, path, QOR_XMLTYPE_INT, ret);
 }
 

@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstring>
 #include <linux/ipv6.h>
-#include <net/if.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
@@ -18,12 +17,10 @@ namespace
 constexpr char trace_source[] = "src/nicCommon.c";
 
 /// The requests of one operation: they share a socket and an interface name.
-struct request {
-    unique_fd sock;
-    ifreq ifr = {};
+struct request : nic_request {
+    explicit request(const vdevinfo &dev) : nic_request(nic_device_name(dev)) {}
 
-    /// Issues one of netdevice(7)'s requests.
-    int issue(unsigned long code) { return named ? ioctl(sock.fd, code, &ifr) : refuse(); }
+    int issue(unsigned long code) { return nic_request::issue(sock.fd, code); }
 
     /// Puts an IPv4 address into the request, whose fields for address, netmask and broadcast are one union.
     void set_addr(in_addr addr)
@@ -34,21 +31,8 @@ struct request {
         memcpy(&ifr.ifr_addr, &sin, sizeof(sin));
     }
 
-    static int refuse()
-    {
-        errno = ENODEV;
-        return -1;
-    }
-
-    bool named = false;
+    unique_fd sock;
 };
-
-/// Prepares a request. A name too long for the kernel is no interface's: cutting it could name another one,
-/// so every request under it fails as under an unknown name.
-void prepare(request *req, const vdevinfo &dev)
-{
-    req->named = copy_text(req->ifr.ifr_name, nic_device_name(dev));
-}
 
 bool open_socket(request *req, int family)
 {
@@ -220,6 +204,20 @@ int nic_ipck(const char *paddr)
     return is_ipv6 ? 1 : 0;
 }
 
+nic_request::nic_request(const char *ifname)
+{
+    named = copy_text(ifr.ifr_name, ifname);
+}
+
+int nic_request::issue(int sock, unsigned long code)
+{
+    if (!named) {
+        errno = ENODEV;
+        return -1;
+    }
+    return ioctl(sock, code, &ifr);
+}
+
 int nic_open_netlink(nl_socket *nl, unsigned groups)
 {
     const int err = nl_open(nl, groups);
@@ -271,8 +269,7 @@ int nic_act_ipaddr_ioctl(const vdevinfo *pvdevinfo, bool dad,
                          const std::function<int(const vdevinfo *)> &undo)
 {
     TRACE(TRACE_DEBUG, "nic_act_ipaddr_ioctl(%s)  ENTRY...", pvdevinfo->sipel.addr);
-    request req;
-    prepare(&req, *pvdevinfo);
+    request req(*pvdevinfo);
     bool deactAfterAct = false;
     const int ret = nic_ipck(pvdevinfo->sipel.addr) != 0 ? add_ipv6(&req, *pvdevinfo, dad, &deactAfterAct)
                                                          : add_ipv4(&req, *pvdevinfo, &deactAfterAct);
@@ -291,8 +288,7 @@ int nic_act_ipaddr_ioctl(const vdevinfo *pvdevinfo, bool dad,
 int nic_deact_ipaddr_ioctl(const vdevinfo *pvdevinfo)
 {
     TRACE(TRACE_DEBUG, "nic_deact_ipaddr_ioctl(%s)  ENTRY...", pvdevinfo->sipel.addr);
-    request req;
-    prepare(&req, *pvdevinfo);
+    request req(*pvdevinfo);
     const int ret =
         nic_ipck(pvdevinfo->sipel.addr) != 0 ? remove_ipv6(&req, *pvdevinfo) : remove_ipv4(&req, *pvdevinfo);
     TRACE(TRACE_DEBUG, "return(%d)", ret);

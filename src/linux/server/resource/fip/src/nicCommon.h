@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <net/if.h>
 #include <netinet/in.h>
 #include <vector>
 
@@ -78,6 +79,18 @@ enum nic_code {
     NIC_ERR_TIMEOUT = 21,        ///< detection: the worker did not end in time
     NIC_ERR_LAYOUT = 22,         ///< detection: the output has the newer layout, or none
     NIC_ERR_NAME = 23            ///< the name is none that an address can be changed under
+};
+
+/// A request of netdevice(7) to one interface. A name too long for the kernel is no interface's: cut, it
+/// could be another's, so every request under it fails as under an unknown one.
+struct nic_request {
+    explicit nic_request(const char *ifname);
+
+    /// @return the ioctl's result, or -1 with ENODEV
+    int issue(int sock, unsigned long code);
+
+    ifreq ifr = {};
+    bool named = false;
 };
 
 /// Tells an address text's family: 1 for IPv6, 0 for IPv4. A ':' behind a '%' belongs to an alias.

@@ -2,6 +2,7 @@
 
 #include "../chklog.h"
 #include "../chkutil.h"
+#include "../config_value.h"
 #include "../fip.h"
 #include "../text.h"
 #include "address_text.h"
@@ -100,8 +101,7 @@ bool exists(const char *pattern, const char *name)
     char path[FIP_PATH_SIZE];
     fill_path(path, pattern, {name});
     int value = 0;
-    int size = sizeof(value);
-    return xmllib_get_value(path, QOR_XMLTYPE_INT, &value, &size) != QOR_XMLERR_NOTEXIST_PATH;
+    return read_config_int(path, &value) != QOR_XMLERR_NOTEXIST_PATH;
 }
 
 /// Checks the later parameters as far as there is one, and a limit for it. @return a chk_result

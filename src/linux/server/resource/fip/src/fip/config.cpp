@@ -1,5 +1,6 @@
 #include "config.h"
 
+#include "../config_value.h"
 #include "../text.h"
 #include "../value.h"
 #include "address_text.h"
@@ -97,8 +98,7 @@ bool read_int(const char *rscname, const char *key, int *value, int absent = TRA
 {
     char path[FIP_PATH_SIZE];
     format_text(path, sizeof(path), "/root/resource/fip@%s/parameters/%s", rscname, key);
-    int size = sizeof(*value);
-    const int ret = xmllib_get_value(path, QOR_XMLTYPE_INT, value, &size);
+    const int ret = read_config_int(path, value);
     if (ret != QOR_XMLERR_SUCCESS) {
         TRACE_AS(self, ret == QOR_XMLERR_NOTEXIST_PATH ? absent : TRACE_WARNING,
                  "xmllib_get_value(%s) failed. (ret=%d)", path, ret);

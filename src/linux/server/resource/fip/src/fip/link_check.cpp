@@ -1,6 +1,6 @@
 #include "link_check.h"
 
-#include "../text.h"
+#include "../nicCommon.h"
 #include "trace_source.h"
 
 #include <cerrno>
@@ -9,8 +9,6 @@
 #include <linux/ethtool.h>
 #include <linux/mii.h>
 #include <linux/sockios.h>
-#include <net/if.h>
-#include <sys/ioctl.h>
 
 namespace
 {
@@ -23,25 +21,18 @@ constexpr std::uint16_t link_bit = BMSR_LSTATUS;
 constexpr std::uint16_t state_bits = BMSR_LSTATUS | BMSR_JCD | BMSR_RFAULT;
 
 /// The check of one interface.
-struct link_check {
-    int sock;
-    const char *ifname;
-    bool named;
-    ifreq ifr;
-    unsigned long read_request;
-    std::uint16_t phy_id;
+struct link_check : nic_request {
+    link_check(int socket, const char *name) : nic_request(name), sock(socket), ifname(name) {}
 
     /// The MII request data lies inside the request.
     mii_ioctl_data *mii() { return reinterpret_cast<mii_ioctl_data *>(&ifr.ifr_ifru); }
 
-    int issue(unsigned long code)
-    {
-        if (!named) {
-            errno = ENODEV;
-            return -1;
-        }
-        return ioctl(sock, code, &ifr);
-    }
+    int issue(unsigned long code) { return nic_request::issue(sock, code); }
+
+    int sock;
+    const char *ifname;
+    unsigned long read_request = SIOCGMIIREG;
+    std::uint16_t phy_id = 0;
 };
 
 void trace_ioctl_failure(const link_check &check, int level, unsigned long code)
@@ -186,8 +177,7 @@ int check_link(link_check *check, int method)
 int fip_miiw_ioctl(const int *psock, const char *ifname, int miiw_method)
 {
     TRACE(TRACE_DEBUG, "miiw monitor start - (sock=%d)", *psock);
-    link_check check = {*psock, ifname, false, {}, SIOCGMIIREG, 0};
-    check.named = copy_text(check.ifr.ifr_name, ifname);
+    link_check check(*psock, ifname);
     TRACE(TRACE_DEBUG, "miiw monitor method = %d", miiw_method);
 
     int ret = MIIW_RET_FAIL_PARAM;

@@ -1,6 +1,7 @@
 #include "srcip.h"
 
 #include "../command.h"
+#include "../config_value.h"
 #include "../fip.h"
 #include "../name_list.h"
 #include "../text.h"
@@ -62,8 +63,7 @@ int read_use(const char *resource, int *use)
 {
     char path[FIP_PATH_SIZE];
     format_text(path, sizeof(path), "/root/resource/fip@%s/parameters/srcip/use", resource);
-    int size = sizeof(*use);
-    const int ret = xmllib_get_value(path, QOR_XMLTYPE_INT, use, &size);
+    const int ret = read_config_int(path, use);
     if (ret != QOR_XMLERR_SUCCESS) {
         TRACE_AS(check_name, TRACE_ERROR, "xmllib_get_value(%s, %d) failed. (ret=%d)", path, QOR_XMLTYPE_INT,
                  ret);

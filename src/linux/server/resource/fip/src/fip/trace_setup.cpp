@@ -1,5 +1,6 @@
 #include "trace_setup.h"
 
+#include "../config_value.h"
 #include "../fip.h"
 #include "../tracersc.h"
 
@@ -14,9 +15,7 @@ constexpr int default_size = 1'000'000; // bytes
 int read_int(const char *path, int otherwise)
 {
     int value = 0;
-    int size = sizeof(value);
-    const int ret = xmllib_get_value(path, QOR_XMLTYPE_INT, &value, &size);
-    return ret == QOR_XMLERR_SUCCESS ? value : otherwise;
+    return read_config_int(path, &value) == QOR_XMLERR_SUCCESS ? value : otherwise;
 }
 
 } // namespace
