@@ -9,9 +9,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     each_line(data, size, [](char *line) {
         const std::string before = line;
         char macaddr[MACTEXT_SIZE];
-        if (fip_find_macaddr(line, macaddr, sizeof(macaddr))) {
+        if (fip_find_macaddr(line, macaddr, sizeof(macaddr)))
             require(strlen(macaddr) >= strlen("0:0:0:0:0:0") && before.find(macaddr) != std::string::npos);
-        }
     });
     return 0;
 }

@@ -13,17 +13,15 @@ template <class Take>
 void each_line(const std::uint8_t *data, std::size_t size, const Take &take)
 {
     std::istringstream input(std::string(reinterpret_cast<const char *>(data), size));
-    for (std::string line; std::getline(input, line);) {
+    for (std::string line; std::getline(input, line);)
         take(line.data());
-    }
 }
 
 /// Ends the run with a report when what must hold does not.
 inline void require(bool holds)
 {
-    if (!holds) {
+    if (!holds)
         abort();
-    }
 }
 
 #endif

@@ -11,9 +11,8 @@ void read_inventory(const std::uint8_t *data, std::size_t size)
     inventory_reader reader;
     int ret = FIP_SUCCESS;
     each_line(data, size, [&](char *line) {
-        if (ret == FIP_SUCCESS) {
+        if (ret == FIP_SUCCESS)
             ret = fip_read_inventory_line(&reader, line);
-        }
     });
     for (const ipaddrinfo &row : reader.rows) {
         require(&row == &reader.rows[row.index] && row.ifname[0] != '\0');

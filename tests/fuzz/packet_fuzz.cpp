@@ -12,13 +12,11 @@ using bytes = std::vector<std::uint8_t>;
 /// By pairs of position and new value; a position beyond the packet sets its length instead.
 static bytes spoilt(bytes packet, const std::uint8_t *data, std::size_t size)
 {
-    for (std::size_t i = 0; i + 1 < size; i += 2) {
-        if (data[i] < packet.size()) {
+    for (std::size_t i = 0; i + 1 < size; i += 2)
+        if (data[i] < packet.size())
             packet[data[i]] = data[i + 1];
-        } else {
+        else
             packet.resize(data[i + 1]);
-        }
-    }
     packet.shrink_to_fit(); // no slack that hides a read beyond it
     return packet;
 }

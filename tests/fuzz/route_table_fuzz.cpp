@@ -9,9 +9,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     each_line(data, size, [](char *line) {
         char gateway[INET_ADDRSTRLEN] = "";
         in_addr addr = {};
-        if (fip_read_default_route(line, "eth0", gateway, sizeof(gateway))) {
+        if (fip_read_default_route(line, "eth0", gateway, sizeof(gateway)))
             require(inet_pton(AF_INET, gateway, &addr) == 1);
-        }
     });
     return 0;
 }

@@ -40,9 +40,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     FILE *table = fopen(where.file.c_str(), "r+e");
     require(table != nullptr && fwrite(content.data(), 1, content.size(), table) == content.size());
     require(fclose(table) == 0);
-    if (shmrm_attach() != 0) {
+    if (shmrm_attach() != 0)
         return 0;
-    }
     shmrm_state state = {};
     for (int i = 0; shmrm_getstate(i, &state) == 0; ++i) {
         require(strnlen(state.rscname, sizeof(state.rscname)) < sizeof(state.rscname) &&

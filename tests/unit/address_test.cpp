@@ -132,9 +132,8 @@ TEST_F(TargetTest, IsChosen)
                          {"<in>", "]] Fip interface was not found.:"},
                          {"<long>", "30 [Interface name is too long.]:"},
                          {"<used>", "28 [fip interface already used. [IF: e:3]]:"}};
-    for (const auto &row : table(targets, words)) {
+    for (const auto &row : table(targets, words))
         EXPECT_EQ(choose(rows_of(row[0]), row.at(1), row.at(2).c_str()), row.at(3)) << row[0];
-    }
     inventory rows = rows_of("e=10.1.0.1/16");
     for (int alias = 0; alias <= 9999; ++alias) {
         rows.push_back(rows[0]);

@@ -11,20 +11,17 @@ TEST_F(TraceTest, WritesLines)
     constexpr char source[] = "src/fip.c";
     tracetell("%s%nninelette");
     trace(TRACE_INFO, source, 7, "f", "%s", "100%s");
-    for (const int code : {-1, 10, 11}) { // the last name, and what has none
+    for (const int code : {-1, 10, 11}) // the last name, and what has none
         tracexml(code, source, 7, "f", "%s", "call");
-    }
-    for (const int code : {1, 15, 16}) {
+    for (const int code : {1, 15, 16})
         traceshmrm(code, source, 7, "f", "%s", "call");
-    }
     tracemess(TRACE_EVENT, 10, source, 7, "f", nullptr, "1.2.3.4"); // events have no prefix
     trace(TRACE_INFO, source, 7, "f", "%2000s", "");
     EXPECT_TRUE(traced(" 4 src/fip.c:7 f | %s%nnine: 100%s\n"));
     EXPECT_TRUE(traced(" 4 src/fip.c:7 f | %s%nnine: " + std::string(1023, ' ') + "\n"));
     for (const std::string detail :
-         {"0xffffffff ??", "0xa QOR_XMLERR_OTHER", "0xb ??", "0x1 ??", "0xf SHMRM_ERR_LOADCONF", "0x10 ??"}) {
+         {"0xffffffff ??", "0xa QOR_XMLERR_OTHER", "0xb ??", "0x1 ??", "0xf SHMRM_ERR_LOADCONF", "0x10 ??"})
         EXPECT_TRUE(traced(" 1 src/fip.c:7 f | %s%nnine:   call failed. (" + detail + ")\n"));
-    }
     EXPECT_TRUE(traced(" 32768 src/fip.c:7 f | address 1.2.3.4 is in use by another host\n"));
 }
 
