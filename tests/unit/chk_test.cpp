@@ -6,9 +6,9 @@
 
 using ChkTest = FipTest;
 
-static std::string seen; // the values judged
+std::string seen; // the values judged
 
-static int judge(const char *value)
+int judge(const char *value)
 {
     seen.append("<").append(value).append(">");
     return *value == '\0' ? 1 : 0;
@@ -19,22 +19,19 @@ TEST_F(ChkTest, JudgesCommonValueAndServersOwn)
     constexpr char common[] = "/root/resource/fip@%s/p", special[] = "/root/resource/fip@%s/server@%s/p";
     const std::string one = "<server name='a'/>", two = one + "<server name='b'/>",
                       own = "<server name='b'><p>w</p></server>";
-    const struct {
-        std::string servers, values;
-        int required;
-        std::string expected; // what comes of it, and the values judged
-    } cases[] = {
-        {one, own, 0, "0 <v>"},    {one, own, 1, "0 <v>"},
-        {two, own, 0, "0 <v><w>"}, {two, own, 1, "1 <v><><w>"},
-        {"", own, 1, "0 <v>"},     {two, "<server name='a'><p>too long</p></server>", 1, "99 <v>"},
-    };
-    for (const auto &[servers, values, required, expected] : cases) {
+    const auto judged = [&](const std::string &servers, const std::string &values, int required) {
         start_config("<fip name='r1'><p>v</p>" + values + "</fip>", servers);
         const property prop = {"P", QOR_XMLTYPE_TEXT, 4, common, special, judge, judge, required};
         seen.clear();
         const int code = check_properties("r1", &prop, 1);
-        EXPECT_EQ(join(code, seen), expected) << servers << required;
-    }
+        return join(code, seen);
+    };
+    EXPECT_EQ(judged(one, own, 0), "0 <v>");
+    EXPECT_EQ(judged(one, own, 1), "0 <v>");
+    EXPECT_EQ(judged(two, own, 0), "0 <v><w>");
+    EXPECT_EQ(judged(two, own, 1), "1 <v><><w>");
+    EXPECT_EQ(judged("", own, 1), "0 <v>");
+    EXPECT_EQ(judged(two, "<server name='a'><p>too long</p></server>", 1), "99 <v>");
 }
 
 TEST_F(ChkTest, WritesLog_CutWhereLineIsTooLong)

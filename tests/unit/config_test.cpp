@@ -34,37 +34,25 @@ const std::string all_set = R"(<ip>10.0.0.1/24%eth0:1</ip>
 TEST_F(ConfigTest, ReadsParameters_ByRunMode)
 {
     const std::string none = "<ip>1.2.3.4</ip>";
-    // In the order of the configuration above, "for" the two kinds of check.
-    const struct {
-        std::string parameters;
-        int deactivation;
-        std::string expected;
-    } cases[] = {
-        {none, 0,
-         "bin/qorping 1 0 1 0 0 0 arp 1 1 ifconfig 0 60 poll 10000 6000 "
-         "for 0 0 0 0 for 0 0 0 0 srcip 0 link 0 0 nd 0 1 5 guard 0"},
-        {none, 1,
-         "bin/qorping 1 0 1 0 0 0 arp 1 1 ifconfig 0 60 poll 10000 6000 "
-         "for 1 3 1 0 for 1 3 1 0 srcip 0 link 0 0 nd 0 1 5 guard 0"},
-        {all_set, 0,
-         "p 11 12 13 14 15 16 a 18 19 i 21 22 poll 1000 22000 "
-         "for 0 0 0 0 for 0 0 0 0 srcip 20 link 31 32 nd 33 34 35 guard 36"},
-        {all_set, 1,
-         "p 1 0 1 0 0 17 a 18 19 i 0 22 poll 1000 22000 "
-         "for 23 24 25 26 for 27 28 29 30 srcip 20 link 31 32 nd 0 1 5 guard 36"},
-    };
-    for (const auto &[parameters, deactivation, expected] : cases) {
+    const auto taken = [this](const std::string &parameters, int deactivation) {
         EXPECT_TRUE(read(parameters, deactivation).starts_with("0 "));
         const FIP_INFO &i = info;
-        EXPECT_EQ(join(i.pingcmd, i.pingtout, i.pingretry, i.pinginterval, i.pingforce, i.pingallip,
-                       i.pingnpsimu, i.arpcmd, i.arpnum, i.arpopcode, i.ifconfcmd, i.ifconfuse, i.ifconftout,
-                       "poll", i.checkstime, i.checkloopc, "for", i.checkifexec, i.checkifretry,
-                       i.checkifinterval, i.checkiferror, "for", i.checkpiexec, i.checkpiretry,
-                       i.checkpiinterval, i.checkpierror, "srcip", i.srcipuse, "link", i.miiw_method,
-                       i.isMiiw, "nd", practice.ndretry, practice.nddad, practice.ndtimeout, "guard",
-                       practice.guardif),
-                  expected);
-    }
+        return join(i.pingcmd, i.pingtout, i.pingretry, i.pinginterval, i.pingforce, i.pingallip,
+                    i.pingnpsimu, i.arpcmd, i.arpnum, i.arpopcode, i.ifconfcmd, i.ifconfuse, i.ifconftout,
+                    "poll", i.checkstime, i.checkloopc, "list", i.checkifexec, i.checkifretry,
+                    i.checkifinterval, i.checkiferror, "ping", i.checkpiexec, i.checkpiretry,
+                    i.checkpiinterval, i.checkpierror, "srcip", i.srcipuse, "link", i.miiw_method, i.isMiiw,
+                    "nd", practice.ndretry, practice.nddad, practice.ndtimeout, "guard", practice.guardif);
+    };
+    // The order is the one above; "list" and "ping" are the checks.
+    EXPECT_EQ(taken(none, 0), "bin/qorping 1 0 1 0 0 0 arp 1 1 ifconfig 0 60 poll 10000 6000 "
+                              "list 0 0 0 0 ping 0 0 0 0 srcip 0 link 0 0 nd 0 1 5 guard 0");
+    EXPECT_EQ(taken(none, 1), "bin/qorping 1 0 1 0 0 0 arp 1 1 ifconfig 0 60 poll 10000 6000 "
+                              "list 1 3 1 0 ping 1 3 1 0 srcip 0 link 0 0 nd 0 1 5 guard 0");
+    EXPECT_EQ(taken(all_set, 0), "p 11 12 13 14 15 16 a 18 19 i 21 22 poll 1000 22000 "
+                                 "list 0 0 0 0 ping 0 0 0 0 srcip 20 link 31 32 nd 33 34 35 guard 36");
+    EXPECT_EQ(taken(all_set, 1), "p 1 0 1 0 0 17 a 18 19 i 0 22 poll 1000 22000 "
+                                 "list 23 24 25 26 ping 27 28 29 30 srcip 20 link 31 32 nd 0 1 5 guard 36");
     EXPECT_EQ(join(info.addr, info.mask, info.masklen, info.ifname, fullnotation, inspath),
               "10.0.0.1 255.255.255.0 24 eth0:1 1 /opt/suite");
 }

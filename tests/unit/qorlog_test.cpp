@@ -115,28 +115,23 @@ TEST(TextLine, IsCutBetweenLetters)
 
 TEST_F(QorLog, SendsEventsToSyslogToo_NeverWaitingForIt)
 {
-    const struct {
-        int event;
-        const char *format, *argument;
-        std::string text;
-    } events[] = {
-        {10, nullptr, "192.0.2.1", "address 192.0.2.1 is in use by another host"},
-        {99, nullptr, "x", "event 99"},
-        {10, "own %s", "text\n", "own text\\n"},
-    };
     const int sock = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     (home / "syslog").string().copy(syslog_here.sun_path, sizeof(syslog_here.sun_path) - 1);
     ASSERT_EQ(bind(sock, reinterpret_cast<struct sockaddr *>(&syslog_here), sizeof(syslog_here)), 0);
     ASSERT_EQ(open_log(0), 0);
     EXPECT_EQ(log_write(handle, 1, 10, "f", 1, "f", "dropped"), 0);
     const std::string tag = "<28>qorfip[" + std::to_string(getpid()) + "]: ";
-    for (const auto &[event, format, argument, text] : events) {
+    const auto expect_event = [&](const std::string &text, int event, const char *format,
+                                  const char *argument) {
         EXPECT_EQ(log_write(handle, QOR_LOG_EVENT, event, "f", 1, "f", format, argument), 0);
         EXPECT_EQ(texts(log).back(), text);
         char datagram[512] = "";
         recv(sock, datagram, 511, 0);
         EXPECT_EQ(datagram, tag + text);
-    }
+    };
+    expect_event("address 192.0.2.1 is in use by another host", 10, nullptr, "192.0.2.1");
+    expect_event("event 99", 99, nullptr, "x");
+    expect_event("own text\\n", 10, "own %s", "text\n");
     EXPECT_EQ(syslog_asked, "/dev/log");
     const char *no_format = nullptr;
     EXPECT_EQ(log_write(handle, QOR_LOG_EVENT, 0, "f", 1, "f", no_format, "x"), EINVAL);

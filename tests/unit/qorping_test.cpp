@@ -121,7 +121,7 @@ const network_link ethernet = {3, "eth0", ARPHRD_ETHER, {{2, 0, 0, 0, 0, 1}, 6},
 const network_link infiniband = {4, "ib0", ARPHRD_INFINIBAND, {{0x80, 0, 0, 0x48, 0xfe, 0x80}, 20}, {{}, 20}};
 const in_addr target = {htonl(0xc0000209)}; // 192.0.2.9
 
-const in6_addr target6 = host("2001:db8::12:3456").v6.sin6_addr; // its group is ff02::1:ff12:3456
+const in6_addr target6 = host("2001:db8::12:3456").v6.sin6_addr;
 const bytes target6_bytes(target6.s6_addr, target6.s6_addr + 16);
 
 TEST(LinkQuestion, HasRoomForALongHardwareAddress)
@@ -162,44 +162,38 @@ TEST(IsArpAnswer, AcceptsOnlyAReplyToOurProbe)
 
 TEST(IsNeighbourAnswer, AcceptsAdvertisementsAndTheSearchForDuplicatesOnly)
 {
-    const char *const us = "fe80::1", *const owner = "fe80::2", *const group = "ff02::1:ff12:3456";
+    const char *const us = "fe80::1", *const owner = "fe80::2";
+    const char *const all = "ff02::1", *const group = "ff02::1:ff12:3456"; // the target's
     const bytes advert = {136, 0, 0, 0, 0x60}, unsolicited = {136, 0, 0, 0, 0x20}, search = {135, 0, 0, 0, 0};
-    const bytes target_option = {2, 1, 2, 0, 0, 0, 0, 9}, source_option = {1, 1, 2, 0, 0, 0, 0, 9};
-    const struct {
-        const char *what;
-        bool is_one;
-        const char *from, *to;
-        int hop_limit;
-        bytes head, options; // before and behind the target
-    } cases[] = {
-        {"advertisement", true, owner, us, 255, advert, target_option},
-        {"without options", true, owner, us, 255, advert, {}},
-        {"unsolicited, to all", true, owner, "ff02::1", 255, unsolicited, target_option},
-        {"solicited, but to all", false, owner, "ff02::1", 255, advert, target_option},
-        {"forwarded", false, owner, us, 254, advert, target_option},
-        {"code", false, owner, us, 255, {136, 1, 0, 0, 0x60}, target_option},
-        {"type", false, owner, us, 255, {137, 0, 0, 0, 0x60}, target_option},
-        {"option without length", false, owner, us, 255, advert, {2, 0, 0, 0, 0, 0, 0, 0}},
-        {"option cut off", false, owner, us, 255, advert, {14, 2, 0, 0, 0, 0, 0, 0}},
-        {"half an option", false, owner, us, 255, advert, {2, 1, 2, 0}},
-        {"search for duplicates", true, "::", group, 255, search, {}},
-        {"the same with a nonce", true, "::", group, 255, search, {14, 1, 1, 2, 3, 4, 5, 6}},
-        {"the same with its address", false, "::", group, 255, search, source_option},
-        {"the same to another group", false, "::", "ff02::1:ff12:3457", 255, search, {}},
-        {"the same from a router beyond", false, "::", group, 64, search, {}},
-        {"somebody looks for the owner", false, "fe80::3", group, 255, search, {}},
-    };
-    for (const auto &[what, is_one, from, to, hop_limit, head, options] : cases) {
+    const bytes target_option = {2, 1, 2, 0, 0, 0, 0, 9}, source_option = {1, 1, 2, 0, 0, 0, 0, 9}, no_option;
+    const auto is_answer = [&](const char *from, const char *to, int hop_limit, const bytes &head,
+                               const bytes &options) {
         const bytes packet = head + bytes(8 - head.size()) + target6_bytes + options;
         const auto accepted = [&](const in6_addr &probed, bytes cut) { // no slack behind it
             return is_neighbour_answer(
                 probed, {host(from).v6.sin6_addr, host(to).v6.sin6_addr, hop_limit, cut.data(), cut.size()});
         };
-        EXPECT_EQ(accepted(target6, packet), is_one) << what;
-        EXPECT_FALSE(accepted(host("2001:db8::13:3456").v6.sin6_addr, packet)) << what << ", another target";
+        EXPECT_FALSE(accepted(host("2001:db8::13:3456").v6.sin6_addr, packet)) << "another target";
         for (auto end = packet.begin(); end != packet.begin() + 24; ++end)
-            EXPECT_FALSE(accepted(target6, bytes(packet.begin(), end))) << what << ", cut";
-    }
+            EXPECT_FALSE(accepted(target6, bytes(packet.begin(), end))) << "cut";
+        return accepted(target6, packet);
+    };
+    EXPECT_TRUE(is_answer(owner, us, 255, advert, target_option));
+    EXPECT_TRUE(is_answer(owner, us, 255, advert, no_option));
+    EXPECT_TRUE(is_answer(owner, all, 255, unsolicited, target_option));
+    EXPECT_FALSE(is_answer(owner, all, 255, advert, target_option)) << "solicited";
+    EXPECT_FALSE(is_answer(owner, us, 254, advert, target_option)) << "forwarded";
+    EXPECT_FALSE(is_answer(owner, us, 255, {136, 1, 0, 0, 0x60}, target_option)) << "code";
+    EXPECT_FALSE(is_answer(owner, us, 255, {137, 0, 0, 0, 0x60}, target_option)) << "type";
+    EXPECT_FALSE(is_answer(owner, us, 255, advert, {2, 0, 0, 0, 0, 0, 0, 0})) << "option without length";
+    EXPECT_FALSE(is_answer(owner, us, 255, advert, {14, 2, 0, 0, 0, 0, 0, 0})) << "option cut off";
+    EXPECT_FALSE(is_answer(owner, us, 255, advert, {2, 1, 2, 0})) << "half an option";
+    EXPECT_TRUE(is_answer("::", group, 255, search, no_option));
+    EXPECT_TRUE(is_answer("::", group, 255, search, {14, 1, 1, 2, 3, 4, 5, 6})) << "a nonce";
+    EXPECT_FALSE(is_answer("::", group, 255, search, source_option));
+    EXPECT_FALSE(is_answer("::", "ff02::1:ff12:3457", 255, search, no_option)) << "another group";
+    EXPECT_FALSE(is_answer("::", group, 64, search, no_option)) << "from a router beyond";
+    EXPECT_FALSE(is_answer("fe80::3", group, 255, search, no_option)) << "somebody looks for the owner";
 }
 
 void enter_network(const std::string &more)
@@ -259,24 +253,20 @@ TEST(Probe, LetsALinkDecideOnlyIfEveryQuestionOfTheLastRoundWentOut)
     enter_network("ip link add v0 type veth peer name v1 && ip link set v1 up && ip link set v0 up &&"
                   "ip address add 192.0.2.1/24 dev v0");
     usleep(100'000); // the link's state is told to others a little later
-    const struct {
-        const char *questions;
-        int error;
-        unsigned rounds;
-        probe_outcome outcome;
-        int waited_ms;
-    } cases[] = {
-        {"...", 0, 1, PROBE_SILENT, 400},        {"x..", ENOBUFS, 1, PROBE_SILENT, 1000},
-        {"..x", ENOBUFS, 1, PROBE_SILENT, 1000}, {"xxx", EPERM, 1, PROBE_SILENT, 1000},
-        {"xxx", ENOBUFS, 1, PROBE_FAILED, 1000}, {"x..", ENOBUFS, 2, PROBE_SILENT, 1400},
-    };
-    for (const auto &row : cases) {
-        questions = row.questions;
-        failure = row.error;
+    const auto probe = [](const char *becomes_of_questions, int error, unsigned rounds, int waited_ms) {
+        questions = becomes_of_questions;
+        failure = error;
         probe_report report = {};
-        EXPECT_EQ(qorping_probe({host("192.0.2.9"), 0}, {row.rounds, false, false}, &report), row.outcome);
-        EXPECT_EQ(report.waited.count(), row.waited_ms) << row.questions << ' ' << row.error;
-    }
+        const probe_outcome outcome = qorping_probe({host("192.0.2.9"), 0}, {rounds, false, false}, &report);
+        EXPECT_EQ(report.waited.count(), waited_ms) << becomes_of_questions << ' ' << error;
+        return outcome;
+    };
+    EXPECT_EQ(probe("...", 0, 1, 400), PROBE_SILENT);
+    EXPECT_EQ(probe("x..", ENOBUFS, 1, 1000), PROBE_SILENT);
+    EXPECT_EQ(probe("..x", ENOBUFS, 1, 1000), PROBE_SILENT);
+    EXPECT_EQ(probe("xxx", EPERM, 1, 1000), PROBE_SILENT);
+    EXPECT_EQ(probe("xxx", ENOBUFS, 1, 1000), PROBE_FAILED);
+    EXPECT_EQ(probe("x..", ENOBUFS, 2, 1400), PROBE_SILENT);
 }
 
 TEST(Probe, IsSilentForTheWholeTimeDespiteSignals)

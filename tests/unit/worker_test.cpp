@@ -141,13 +141,9 @@ TEST_F(CommandTest, EndsAtItsLimit_WithAllItStarted)
     EXPECT_EQ(WEXITSTATUS(found), 1);
 }
 
-TEST_F(CommandTest, HasNoInput)
+TEST_F(CommandTest, HasNoInput_AndIsReadInLines)
 {
     EXPECT_EQ(WEXITSTATUS(command_run("sh -c 'cat; exit 7'", COMMAND_NO_LIMIT)), 7);
-}
-
-TEST_F(CommandTest, IsReadInLines_ThatTellWhereTheyWereCut)
-{
     command cmd;
     char text[6];
     bool cut = false;
