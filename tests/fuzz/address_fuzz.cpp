@@ -5,9 +5,9 @@
 
 #include <cstring>
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+void fuzz(std::string_view input)
 {
-    const std::string text(reinterpret_cast<const char *>(data), size);
+    const std::string text(input);
     FIP_INFO info = {};
     fip_ipck(text.c_str());
     const int ret = fip_div_ipmask(text.c_str(), info.addr, info.mask, &info.masklen, info.ifname);
@@ -20,5 +20,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     } else {
         require(ret == FIP_ERR_IPFORMAT || ret == FIP_ERR_IFNAME || ret == FIP_ERR_MASK);
     }
-    return 0;
 }

@@ -4,14 +4,12 @@
 
 #include <cstring>
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+void fuzz(std::string_view input)
 {
-    each_line(data, size, [](char *line) {
+    each_line(input, [](char *line) {
         const std::string before = line;
         char macaddr[MACTEXT_SIZE];
-        if (fip_find_macaddr(line, macaddr, sizeof(macaddr))) {
+        if (fip_find_macaddr(line, macaddr, sizeof(macaddr)))
             require(strlen(macaddr) >= strlen("0:0:0:0:0:0") && before.find(macaddr) != std::string::npos);
-        }
     });
-    return 0;
 }

@@ -6,9 +6,9 @@
 
 using ChkTest = FipTest;
 
-static std::string seen; // the values judged
+std::string seen; // the values judged
 
-static int judge(const char *value)
+int judge(const char *value)
 {
     seen.append("<").append(value).append(">");
     return *value == '\0' ? 1 : 0;
@@ -19,18 +19,19 @@ TEST_F(ChkTest, JudgesCommonValueAndServersOwn)
     constexpr char common[] = "/root/resource/fip@%s/p", special[] = "/root/resource/fip@%s/server@%s/p";
     const std::string one = "<server name='a'/>", two = one + "<server name='b'/>",
                       own = "<server name='b'><p>w</p></server>";
-    const std::tuple<std::string, std::string, int, std::string> cases[] = {
-        {"", own, 1, "0 <v>"},       {one, own, 0, "0 <v>"},
-        {one, own, 1, "0 <v>"},      {two, own, 0, "0 <v><w>"},
-        {two, own, 1, "1 <v><><w>"}, {two, "<server name='a'><p>too long</p></server>", 1, "99 <v>"},
-    };
-    for (const auto &[servers, values, required, expected] : cases) {
+    const auto judged = [&](const std::string &servers, const std::string &values, int required) {
         start_config("<fip name='r1'><p>v</p>" + values + "</fip>", servers);
         const property prop = {"P", QOR_XMLTYPE_TEXT, 4, common, special, judge, judge, required};
         seen.clear();
         const int code = check_properties("r1", &prop, 1);
-        EXPECT_EQ(join(code, seen), expected) << servers << required;
-    }
+        return join(code, seen);
+    };
+    EXPECT_EQ(judged(one, own, 0), "0 <v>");
+    EXPECT_EQ(judged(one, own, 1), "0 <v>");
+    EXPECT_EQ(judged(two, own, 0), "0 <v><w>");
+    EXPECT_EQ(judged(two, own, 1), "1 <v><><w>");
+    EXPECT_EQ(judged("", own, 1), "0 <v>");
+    EXPECT_EQ(judged(two, "<server name='a'><p>too long</p></server>", 1), "99 <v>");
 }
 
 TEST_F(ChkTest, WritesLog_CutWhereLineIsTooLong)
@@ -38,11 +39,11 @@ TEST_F(ChkTest, WritesLog_CutWhereLineIsTooLong)
     const std::string file = home / "check.log", long_name(2000, 'n'), frame = " [type : fip][rscname : ";
     ASSERT_EQ(chk_log_init("fip", "r1", file.c_str()), 0);
     fs::resize_file(file, 0);
-    EXPECT_EQ(chk_log_write(2, 7, "%s", "two") + chk_log_write(CHK_LEVEL_INFO, 123, "%s", "four"), 0);
-    EXPECT_EQ(chk_log_write(8, 7, "ß\n%s", "\x1b[2J"), 0);
-    EXPECT_EQ(chk_log_write(8, 7, "%2000s", ""), 0); // fills its line, and has no newline for that
+    EXPECT_EQ(chk_log_write(CHK_LEVEL_INFO, 123, "%s", "four"), 0);
+    EXPECT_EQ(chk_log_write(CHK_LEVEL_INFO + 1, 7, "ß\n%s", "\x1b[2J"), 0); // no such level: an error's
+    EXPECT_EQ(chk_log_write(CHK_LEVEL_ERROR, 7, "%2000s", ""),
+              0); // fills its line, and has no newline for that
     EXPECT_EQ(chk_log_term("fip", long_name.c_str()), 0);
-    EXPECT_EQ(read_file(file), "E [007] two\nI [123] four\nE [007] ß\\n\\x1b[2J\nE [007] " +
-                                   std::string(1023, ' ') + "*****END" + frame +
-                                   long_name.substr(0, 1021 - 8 - frame.size()) + "]\n");
+    EXPECT_EQ(read_file(file), "I [123] four\nE [007] ß\\n\\x1b[2J\nE [007] " + std::string(1023, ' ') +
+                                   "*****END" + frame + long_name.substr(0, 1021 - 8 - frame.size()) + "]\n");
 }

@@ -2,8 +2,6 @@
 
 #include "fip_fixture.h"
 
-#include <climits>
-
 struct ConfigTest : FipTest {
     std::string read(const std::string &parameters, int act = 0, const std::string &spoiled = "")
     {
@@ -35,40 +33,49 @@ const std::string all_set = R"(<ip>10.0.0.1/24%eth0:1</ip>
 
 TEST_F(ConfigTest, ReadsParameters_ByRunMode)
 {
-    const std::string none = "<ip>1.2.3.4</ip>", tools = "bin/qorping arp ifconfig ";
-    const std::tuple<std::string, int, std::string> cases[] = {
-        {none, 0, tools + "1 0 1 0 0 0 1 1 60 0 0 0 0 0 0 0 0 10000 6000 0 0 0 0 0 1 5 0"},
-        {none, 1, tools + "1 0 1 0 0 0 1 1 60 1 3 1 0 1 3 1 0 10000 6000 0 0 0 0 0 1 5 0"},
-        {all_set, 0, "p a i 11 12 13 14 15 16 18 19 22 0 0 0 0 0 0 0 0 1000 22000 31 32 21 20 33 34 35 36"},
-        {all_set, 1, "p a i 1 0 1 0 0 17 18 19 22 23 24 25 26 27 28 29 30 1000 22000 31 32 0 20 0 1 5 36"},
-    };
-    for (const auto &[parameters, act, expected] : cases) {
-        EXPECT_EQ(read(parameters, act).substr(0, 2), "0 ");
+    const std::string none = "<ip>1.2.3.4</ip>";
+    const auto taken = [this](const std::string &parameters, int deactivation) {
+        EXPECT_TRUE(read(parameters, deactivation).starts_with("0 "));
         const FIP_INFO &i = info;
-        EXPECT_EQ(join(i.pingcmd, i.arpcmd, i.ifconfcmd, i.pingtout, i.pingretry, i.pinginterval, i.pingforce,
-                       i.pingallip, i.pingnpsimu, i.arpnum, i.arpopcode, i.ifconftout, i.checkifexec,
-                       i.checkifretry, i.checkifinterval, i.checkiferror, i.checkpiexec, i.checkpiretry,
-                       i.checkpiinterval, i.checkpierror, i.checkstime, i.checkloopc, i.miiw_method, i.isMiiw,
-                       i.ifconfuse, i.srcipuse, practice.ndretry, practice.nddad, practice.ndtimeout,
-                       practice.guardif),
-                  expected);
-    }
+        return join(i.pingcmd, i.pingtout, i.pingretry, i.pinginterval, i.pingforce, i.pingallip,
+                    i.pingnpsimu, i.arpcmd, i.arpnum, i.arpopcode, i.ifconfcmd, i.ifconfuse, i.ifconftout,
+                    "poll", i.checkstime, i.checkloopc, "list", i.checkifexec, i.checkifretry,
+                    i.checkifinterval, i.checkiferror, "ping", i.checkpiexec, i.checkpiretry,
+                    i.checkpiinterval, i.checkpierror, "srcip", i.srcipuse, "link", i.miiw_method, i.isMiiw,
+                    "nd", practice.ndretry, practice.nddad, practice.ndtimeout, "guard", practice.guardif);
+    };
+    // The order is the one above; "list" and "ping" are the checks.
+    EXPECT_EQ(taken(none, 0), "bin/qorping 1 0 1 0 0 0 arp 1 1 ifconfig 0 60 poll 10000 6000 "
+                              "list 0 0 0 0 ping 0 0 0 0 srcip 0 link 0 0 nd 0 1 5 guard 0");
+    EXPECT_EQ(taken(none, 1), "bin/qorping 1 0 1 0 0 0 arp 1 1 ifconfig 0 60 poll 10000 6000 "
+                              "list 1 3 1 0 ping 1 3 1 0 srcip 0 link 0 0 nd 0 1 5 guard 0");
+    EXPECT_EQ(taken(all_set, 0), "p 11 12 13 14 15 16 a 18 19 i 21 22 poll 1000 22000 "
+                                 "list 0 0 0 0 ping 0 0 0 0 srcip 20 link 31 32 nd 33 34 35 guard 36");
+    EXPECT_EQ(taken(all_set, 1), "p 1 0 1 0 0 17 a 18 19 i 0 22 poll 1000 22000 "
+                                 "list 23 24 25 26 ping 27 28 29 30 srcip 20 link 31 32 nd 0 1 5 guard 36");
     EXPECT_EQ(join(info.addr, info.mask, info.masklen, info.ifname, fullnotation, inspath),
               "10.0.0.1 255.255.255.0 24 eth0:1 1 /opt/suite");
 }
 
+constexpr char polls[] = R"(
+TIMEOUT, S | SLEEPTIME, US | PERIOD, US | POLLS
+60 | -1 | 10000 | 6000
+60 | 0 | 10000 | 6000
+0 | 10000 | 10000 | 0
+2 | 2000000 | 2000000 | 1
+2 | 2000001 | 10000 | 200
+2148 | 2147483647 | 2147483647 | 1
+2147483647 | 1 | 1 | 2147483647
+)";
+
 TEST_F(ConfigTest, CorrectsPollPeriod)
 {
-    const int cases[][4] = {
-        {60, -1, 10'000, 6000},       {60, 0, 10'000, 6000},       {0, 10'000, 10'000, 0},
-        {2, 2'000'000, 2'000'000, 1}, {2, 2'000'001, 10'000, 200}, {2148, INT_MAX, INT_MAX, 1},
-        {INT_MAX, 1, 1, INT_MAX},
-    };
-    for (const auto &[timeout, sleeptime, checkstime, checkloopc] : cases) {
-        read(join("<ip>10.0.0.1</ip><ifconfig><timeout>", timeout,
-                  "</timeout></ifconfig><check><ifconfig><sleeptime>", sleeptime,
-                  "</sleeptime></ifconfig></check>"));
-        EXPECT_EQ(join(info.checkstime, info.checkloopc), join(checkstime, checkloopc)) << sleeptime;
+    for (const auto &row : table(polls)) {
+        read("<ip>10.0.0.1</ip><ifconfig><timeout>" + row[0] +
+             "</timeout></ifconfig><check><ifconfig><sleeptime>" + row[1] +
+             "</sleeptime></ifconfig></check>");
+        EXPECT_EQ(join(info.checkstime, info.checkloopc), join(row.at(2), row.at(3)))
+            << row[0] << ' ' << row[1];
     }
 }
 
@@ -81,7 +88,6 @@ TEST_F(ConfigTest, TakesAddressOfThisServer_OrTellsWhyNot)
     EXPECT_EQ(read(ip, 0, "host"), "33 [get_hostname() failed. (errno=0)] ");
     EXPECT_EQ(read("<ip>::1/129</ip>"), "31 [over max mask bit num.(mask bit=129)] ::1");
     EXPECT_EQ(read(ip, 0, "all"), "8 [xmllib_load_policy(all) failed. (ret=4)] 10.0.0.1");
-    for (const char *policy : {"fip", "all"}) { // nothing stays loaded
+    for (const char *policy : {"fip", "all"}) // nothing stays loaded
         EXPECT_EQ(xmllib_unload_policy(policy), QOR_XMLERR_NOTEXIST_PATH);
-    }
 }

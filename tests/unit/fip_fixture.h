@@ -33,19 +33,18 @@ inline const auto open_files = [] { return std::distance(fs::directory_iterator(
 
 using names = std::vector<std::pair<std::string, std::string>>;
 
-// The rows of a table, one per line, with fields between " | ". A <name> stands for the text given for it.
+// The rows of a table, one per line, with fields between " | "; the first line, which names the columns, is
+// none. A <name> stands for the text given for it.
 inline std::vector<std::vector<std::string>> table(std::string text, const names &meanings = {})
 {
-    for (const auto &[name, meaning] : meanings) {
+    for (const auto &[name, meaning] : meanings)
         text = std::regex_replace(text, std::regex(name), meaning);
-    }
     std::vector<std::vector<std::string>> rows;
-    std::istringstream lines(text.substr(1));
+    std::istringstream lines(text.substr(text.find('\n', 1) + 1));
     const std::regex bar(" \\| ");
     using fields = std::sregex_token_iterator;
-    for (std::string line; std::getline(lines, line);) {
+    for (std::string line; std::getline(lines, line);)
         rows.emplace_back(fields(line.begin(), line.end(), bar, -1), fields());
-    }
     return rows;
 }
 
@@ -98,9 +97,8 @@ struct FipTest : HomeTest {
         std::string left = std::to_string(code);
         const std::string lines = read_file(home / "trace");
         std::smatch error;
-        if (std::regex_search(lines, error, std::regex(" 1 src/[^|]*\\| (.*)"))) {
+        if (std::regex_search(lines, error, std::regex(" 1 src/[^|]*\\| (.*)")))
             left.append(" [").append(error.str(1)).append("]");
-        }
         left.append(shmbuf[0] != '\0' ? " " : "").append(shmbuf);
         fip_set_message("%s", "");
         fs::resize_file(home / "trace", 0);

@@ -29,9 +29,8 @@ inline std::string read_file(const fs::path &file)
 inline std::string hex(const void *bytes, std::size_t size)
 {
     std::ostringstream out;
-    for (const auto *at = static_cast<const unsigned char *>(bytes); size > 0; --size) {
+    for (const auto *at = static_cast<const unsigned char *>(bytes); size > 0; --size)
         out << std::hex << std::setw(2) << std::setfill('0') << int{*at++};
-    }
     return out.str();
 }
 

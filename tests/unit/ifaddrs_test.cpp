@@ -55,9 +55,8 @@ static long open_sockets()
 {
     std::error_code gone;
     long sockets = 0;
-    for (const auto &fd : fs::directory_iterator("/proc/self/fd")) {
+    for (const auto &fd : fs::directory_iterator("/proc/self/fd"))
         sockets += fs::read_symlink(fd, gone).string().starts_with("socket:") ? 1 : 0;
-    }
     return sockets;
 }
 

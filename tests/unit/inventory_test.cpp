@@ -49,6 +49,7 @@ TEST_F(InventoryTest, ReadsOlderLayout)
         many_rows += join("; e", "fd00::" + std::to_string(i + 1), "ffff:: 16  ");
     }
     const std::tuple<bool, std::string, std::string> cases[] = {
+        // WHETHER IPV6, OUTPUT OF THE COMMAND, WHAT IS TAKEN
         {false, ethernet,
          "0; eth0 192.168.0.10 255.255.255.0 0 " + mac + "; eth0:1   0 " + mac1 + "; lo 127.0.0.1  0  "},
         {true, ethernet,
