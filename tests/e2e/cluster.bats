@@ -1,8 +1,6 @@
 # One life of a real cluster, told in order: each test goes on where the one before has left it. To be run by
 # script/cluster --run.
-# shellcheck source-path=SCRIPTDIR source=../../bench/cluster_stage.sh
 source "$BATS_TEST_DIRNAME/../../bench/cluster_stage.sh"
-# shellcheck disable=SC2030,SC2031,SC2154 # each test has its own variables
 bats_require_minimum_version 1.5.0
 
 setup_file() {
@@ -45,7 +43,6 @@ setup_file() {
     eventually shows "$from" 'Resource management is DISABLED'
     ip -n "node$from" monitor address >"$stage/changes" 3>&- 4>&- &
     watcher=$!
-    # shellcheck disable=SC2016 # the node's shell's own
     on "$from" sh -c 'pid=$(pidof pacemakerd) && kill "$pid" && tail --pid="$pid" -f /dev/null'
     eventually shows "$to" "OFFLINE: \[ node$from \]"
     start_pacemaker "$from"
@@ -65,21 +62,8 @@ setup_file() {
     power_on "$from"
 }
 
-@test "a stop without a readable configuration takes the recorded address down" {
-    eventually both_online 1
-    is_settled 1
-    locate 1 vip
-    rm "$stage/node$from/home/etc/cluster.xml"
-    set_role 1 vip Stopped
-    eventually is_on "$vip" ''
-    eventually shows 1 'Stopped (disabled)'
-    run -1 shows 1 Failed
-    fips "$from" "fip1 $vip/24"
-    set_role 1 vip Started
-    eventually answers "$vip"
-}
-
 @test "the processes of a node die, its kernel answers on: nobody else takes the address until that is over" {
+    eventually both_online 1
     is_settled 1
     locate 1 vip
     mac=$(ip -n "node$from" -json link show dev eth0 | jq -r '.[0].address')

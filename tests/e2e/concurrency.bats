@@ -2,6 +2,7 @@
 source "$BATS_TEST_DIRNAME/fip_helper.bash"
 
 use='<ifconfig><use>1</use></ifconfig>'
+
 # start ARGUMENT...: a run in the background
 start() {
     "${agent[@]}" "$@" </dev/null >/dev/null 2>&1 3>&- &
@@ -30,22 +31,13 @@ ended() {
         device=$(sed -n "s/.*inet 192.0.2.$((n + 100))\/24 brd 192.0.2.255 .* //p" up)
         states | grep -xF "g$((n % 7))|fip|fip$n|${device:?}|Success."
     done
-    # Not a line of the trace is lost.
-    [ "$(grep -cF -e 'fip rsc starting. ' -e 'fip_send_arp() OK.' -e 'return(ret=0)' "$trace")" -eq 150 ]
     for n in {1..50}; do start --deactive -r "fip$n" -g "g$((n % 7))"; done
     ended '50 0'
     carries ''
 }
 
-@test "one run at a time: of ten for one address one gets it" {
-    cluster fip{0..9}' 192.0.2.10/24'
+@test "one run at a time: another waits for it, a trusted one does not, and a killed one lets go" {
     layout older
-    for n in {0..9}; do start --active -r "fip$n" -g g1; done
-    ended '1 0 9 15'
-    carries "$alias0"
-    deactivate 0 fip0
-
-    # One waits for the one inside, a trusted one does not, and a killed one lets go.
     own_ifconfig <<<"[ ! -e hold ] || { rm hold; sleep 60; }; exec busybox ifconfig \"\$@\""
     cluster 'fip1 192.0.2.10/24' 'fip2 192.0.2.20/24' 'fip3 192.0.2.30/24%veth:9'
     touch hold
@@ -66,21 +58,17 @@ ended() {
 @test "a run killed at any instant stands in nobody's way" {
     cluster "fip1 192.0.2.10/24 $use"
     for mode in --active --deactive; do
-        # Beside random instants: a trace over its limit, in bytes, ends the run, by the signal for that.
-        for instant in random{,,,,,,,,,,,,,,} {300..8000..500}; do
+        for _ in {1..25}; do
             fip 0 --del -r fip1 -a 192.0.2.10
             rm -rf home/run
             "$QOR_BIN/qorstat" >/dev/null
             [ $mode = --active ] || activate 0
-            end=(prlimit --fsize="$instant" --core=0)
-            [ "$instant" != random ] || end=(timeout --foreground -s KILL "$((RANDOM % 20 + 1))e-3")
-            rm -f "$trace"
-            "${end[@]}" "${agent[@]}" $mode -r fip1 -g g1 || [[ $? =~ ^(124|137|153)$ ]]
+            timeout --foreground -s KILL "$((RANDOM % 20 + 1))e-3" "${agent[@]}" $mode -r fip1 -g g1 || [[ $? =~ 124|137 ]]
             [[ "$(states)" =~ ^(\|fip\|fip1\|veth:0\||g1\|fip\|fip1\|veth:0\|Success\.)?$ ]] || fail
             deactivate 0
             carries ''
             activate 0
-            filed "$state0"
+            filed 'g1|fip|fip1|veth:0|Success.'
         done
     done
 }

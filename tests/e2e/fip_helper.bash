@@ -7,7 +7,6 @@
 bats_require_minimum_version 1.5.0
 
 export alias0='veth inet 192.0.2.10/24 brd 192.0.2.255 scope global secondary veth:0'
-export state0='g1|fip|fip1|veth:0|Success.'
 
 setup() {
     here="qfh$$" there="qft$$"
@@ -65,6 +64,14 @@ make_network() {
     done
 }
 
+node() { ip -n "$here" address "$@"; }
+peer() { ip -n "$there" address "$@"; }
+runs() { [[ $(ip -n "$here" link show "$1") == *[,\<]UP[,\>]* ]] || fail "$1 went down"; }
+
+# setting NAME VALUE: a setting of the node's IPv6 on veth; turned_down ADDRESS: its duplicate address detection failed
+setting() { ip netns exec "$here" sh -c "echo $2 >/proc/sys/net/ipv6/conf/veth/$1"; }
+turned_down() { [[ $(node show dadfailed) == *" $1/"* ]]; }
+
 # search PATH: what the agent searches for commands
 search() { agent=(ip netns exec "$here" env "PATH=$1" "$QOR_BIN/qorfip"); }
 
@@ -75,6 +82,9 @@ tool() {
     search "$PWD/tools:$PATH"
 }
 
+# ip_tool PATTERN COMMAND...: an ip that does this first when its arguments match
+ip_tool() { tool ip <<<"case \$* in $1) ${*:2} ;; esac; exec $(command -v ip) \"\$@\""; }
+
 # layout newer|older: how ifconfig prints. With the older layout addresses are changed by command.
 layout() {
     search "$PATH"
@@ -82,10 +92,7 @@ layout() {
 }
 
 # own_ifconfig: standard input becomes what the following clusters name as their ifconfig
-own_ifconfig() {
-    tool own
-    shared="<ifconfig><path>$PWD/tools/own</path></ifconfig>"
-}
+own_ifconfig() { tool own && shared="<ifconfig><path>$PWD/tools/own</path></ifconfig>"; }
 
 # ping_tool: puts standard input in the ping tool's place; its runs leave a line each in the file pings
 ping_tool() {
@@ -108,6 +115,23 @@ cluster() {
 # fail TEXT...: fails the test, with what helps to find out why
 fail() {
     printf '%s\n' "$@" "--- output: $output" "--- states:" "$(states)" "$(cat "$trace" 2>/dev/null)"
+    return 1
+}
+
+# row NAME...: the next row of the table on standard input, into these variables. Columns are divided by "|", with
+# blanks around them as they like; lines that begin with "#" are for the reader: the heading, which must agree with
+# the names, and a word above each group of rows.
+row() {
+    local _row _name
+    while read -r _row; do
+        if [[ $_row == '#'* ]]; then
+            [[ $_row != *'|'* || $(xargs <<<"${_row//[#|]/ }") == "$*" ]] || exit 1
+        else
+            IFS='|' read -r "$@" <<<"$_row"
+            for _name; do read -r "${_name?}" <<<"${!_name}"; done
+            return 0
+        fi
+    done
     return 1
 }
 
@@ -147,11 +171,23 @@ states() { "$QOR_BIN/qorstat" --plain | tr '\t' '|'; }
 # traced LEVEL TEXT: the last run's trace has the line; after a resource's name, or before it is known
 traced() { is_traced "$@" || fail "not traced: $*"; }
 is_traced() {
-    TEXT=$2 awk -v level="$1" '
-        { line = $0; sub(/^[^|]*[|] /, "", line) }
-        $4 == level && (line == ENVIRON["TEXT"] || substr(line, 11) == ENVIRON["TEXT"]) { found = 1 }
-        END { exit !found }' "$trace"
+    LC_ALL=C sed -E 's/^([^ ]+ ){3}([0-9]+) [^|]*[|] (.{8}: )?/\2 /' "$trace" | grep -qxF "$1 $2"
 }
+
+# hears FILTER COMMAND...: what the other host gets on $link while the command runs is in the file heard. The
+# question for an address that nobody has marks the end.
+hears() {
+    rm -f listening
+    ip netns exec "$there" tcpdump -i "${link-veth}" --immediate-mode -lntvve "$1" >heard 2>listening 3>&- &
+    eventually grep -qs listening listening
+    "${@:2}"
+    ip netns exec "$here" bash -c 'echo >/dev/udp/192.0.2.99/9'
+    eventually grep -q 'who-has 192.0.2.99' heard
+    kill "$!"
+}
+
+# agrees CODE: "here" has the address fip1 exactly if a run that ended with CODE says so
+agrees() { carries "$([ "$1" -ne 0 ] || echo "$alias0")"; }
 
 # carries ADDRESSES: these are the addresses of "here", beside the two of its own
 carries() { [ "$(addresses)" = "$1" ] || fail "not: $1" "but: $(addresses)"; }

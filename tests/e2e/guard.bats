@@ -3,7 +3,6 @@ source "$BATS_TEST_DIRNAME/fip_helper.bash"
 
 all() { addresses && ip -n "$here" -4 route show table all | sed 's/ *$//'; }
 shows() { [ "$(all)" = "$1" ] || fail 'not:' "$1" 'but:' "$(all)"; }
-runs() { [[ $(ip -n "$here" link show "$1") == *[,\<]UP[,\>]* ]] || fail "$1 went down"; }
 sysctl() { ip netns exec "$here" bash -c "echo $2 | tee /proc/sys/net/ipv4/conf/{all,veth}/$1"; }
 
 @test "an interface whose bare name carries the address stays up, with its other addresses and routes" {
@@ -17,22 +16,23 @@ sysctl() { ip netns exec "$here" bash -c "echo $2 | tee /proc/sys/net/ipv4/conf/
     goes 198.51.100.7/24%veth:5 0 'veth:5|Success.' 'veth inet 198.51.100.7/24 brd 198.51.100.255 scope global veth:5'
     traced 4 'Only 198.51.100.7 was removed from veth:5.'
     [ "$(grep -cF 'crit_ifconfig() succeeded.' "$trace")" -eq 2 ]
-    ip -n "$here" address add 203.0.113.1/24 dev bare label bare:3
+    node add 203.0.113.1/24 dev bare label bare:3
     before=$(all)
-    while read -r layout mode device address; do
+    while row layout mode device address; do
         layout "$layout"
-        ip -n "$here" address add "$address" dev "$device"
+        node add "$address" dev "$device"
         cluster "fip1 $address"
         fip 0 "$mode" -r fip1 -g g1 -a "$address"
         traced 4 "Only ${address%/*} was removed from $device."
         shows "$before"
         runs "$device"
     done <<-EOT
-	newer --deactive veth 192.0.2.10/24
-	newer --deactive veth 192.0.2.10/32
-	newer --del      veth 198.51.100.7/24
-	older --deactive bare 198.51.100.7/24
-	older --del      bare 203.0.113.7/25
+	# layout | mode       | device | address
+	newer    | --deactive | veth   | 192.0.2.10/24
+	newer    | --deactive | veth   | 192.0.2.10/32
+	newer    | --del      | veth   | 198.51.100.7/24
+	older    | --deactive | bare   | 198.51.100.7/24
+	older    | --del      | bare   | 203.0.113.7/25
 	EOT
 }
 
@@ -41,7 +41,7 @@ sysctl() { ip netns exec "$here" bash -c "echo $2 | tee /proc/sys/net/ipv4/conf/
     practice 0 1 1
     cluster 'fip1 192.0.2.10/24'
     learnt() { [[ $(ip -n "$there" neighbour show 192.0.2.9) == *' 02:00:00:00:00:01 '* ]]; }
-    while read -r layout name subnet; do
+    while row layout name subnet; do
         layout "$layout"
         ip -n "$here" -batch - <<-EOT
 		address flush dev veth
@@ -64,34 +64,35 @@ sysctl() { ip netns exec "$here" bash -c "echo $2 | tee /proc/sys/net/ipv4/conf/
         ip -n "$here" address show label veth:9 | grep -E 'valid_lft (900|8..)sec preferred_lft (800|7..)sec'
         eventually learnt
     done <<-EOT
-	newer veth   proto kernel scope link src 192.0.2.10
-	newer veth:0 src 192.0.2.8
-	older veth:0 proto kernel scope link src 192.0.2.10
+	# layout | name   | subnet
+	newer    | veth   | proto kernel scope link src 192.0.2.10
+	newer    | veth:0 | src 192.0.2.8
+	older    | veth:0 | proto kernel scope link src 192.0.2.10
 	EOT
 }
 
 @test "the routes whose source the address was are what they were before it came" {
     practice 0 1 1
     sysctl promote_secondaries 1
-    while read -r metric address; do
-        ip -n "$here" route replace default via 192.0.2.2 metric "$metric"
+    for alias in %veth:3 ''; do
+        ip -n "$here" route replace default via 192.0.2.2 ${alias:+metric 9}
         before=$(all)
-        cluster "fip1 $address <srcip><use>1</use></srcip>"
+        cluster "fip1 192.0.2.10/24$alias <srcip><use>1</use></srcip>"
         activate 0
         all | grep -xF "default via 192.0.2.2 dev veth src 192.0.2.10"
         deactivate 0
         shows "$before"
         ip -n "$here" route delete default
-    done <<<$'9 192.0.2.10/24\n0 192.0.2.10/24%veth:3\n0 192.0.2.10/24'
+    done
     # So are they when the activation is undone because the second of them could not be set.
-    tool ip <<<"case \$* in *default*) exit 2 ;; esac; exec $(command -v ip) \"\$@\""
+    ip_tool '*default*' exit 2
     ip -n "$here" route add default via 192.0.2.2
     activate 99
     shows "$before"
     # What cannot be set again is told of, and the removal is none the less one.
     search "$PATH"
     activate 0
-    ip -n "$here" address delete 192.0.2.1/24 dev veth
+    node delete 192.0.2.1/24 dev veth
     deactivate 0
     filed 'g1|fip|fip1|veth:0|Route to 0.0.0.0/0 was lost with 192.0.2.10.'
     shows ''

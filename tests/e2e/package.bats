@@ -1,5 +1,4 @@
 # The Debian package: what it holds, and that it works where it puts things.
-# shellcheck source-path=SCRIPTDIR source=fip_helper.bash
 source "$BATS_TEST_DIRNAME/fip_helper.bash"
 
 setup_file() {
@@ -19,7 +18,6 @@ setup() {
 
 # installed COMMAND...: runs on "here" with the package's directories mounted in their places, for it only
 installed() {
-    # shellcheck disable=SC2016 # the inner shell's own
     ip netns exec "$here" unshare --mount env -u QOR_HOME bash -ec '
         for place in opt etc/opt var/opt; do mount --bind "$0/$place" "/$place"; done
         exec "$@"' "$root" "$@"
@@ -27,7 +25,6 @@ installed() {
 
 # completes EXPECTED WORD...: what is offered in the place of the last word
 completes() {
-    # shellcheck disable=SC2016 # the inner shell's own
     run -0 bash --norc -c '
         source "$0/usr/share/bash-completion/completions/$1"
         function=$(complete -p "$1") function=${function#*-F } function=${function% *}
@@ -73,10 +70,10 @@ completes() {
 @test "it works as installed, is purged, and does not go over a home that was made by hand" {
     make_network
     installed /opt/qor/bin/qorfip --test fip1
-    ip -n "$there" address add 192.0.2.10/24 dev veth
+    peer add 192.0.2.10/24 dev veth
     run -15 installed /opt/qor/bin/qorfip --active -r fip1 -g group1
     carries ''
-    ip -n "$there" address del 192.0.2.10/24 dev veth
+    peer del 192.0.2.10/24 dev veth
     ip -n "$there" neighbour replace 192.0.2.10 lladdr 02:00:00:00:de:ad dev veth nud stale
     installed /opt/qor/bin/qorfip --active -r fip1 -g group1
     carries "$alias0"
@@ -93,14 +90,15 @@ completes() {
     installed "$root/DEBIAN/postrm" remove
     [ -s "$root/var/opt/qor/log/fip.log" ] && [ -s "$root/var/opt/qor/log/check.log" ]
     touch "$root/var/opt/qor/"{log/{fip.log.1,disk.log},run/disk} # the last two are another module's
-    while read -r ours left; do
-        [ "$ours" = - ] || rm "$root/var/opt/qor/$ours"
+    while row removed left; do
+        rm -f "$root/var/opt/qor/${removed:-none}"
         installed "$root/DEBIAN/postrm" purge
         run -0 find "$root/var/opt" -mindepth 1 -printf '%f '
         [ "$(xargs -n 1 <<<"$output" | sort | xargs)" = "$left" ] || fail "is not what is left: $left"
     done <<-EOT
-	- disk disk.log ifconfig.lock log node.shm qor resource.shm run
-	log/disk.log disk qor run
+	# removed    | left
+	             | disk disk.log ifconfig.lock log node.shm qor resource.shm run
+	log/disk.log | disk qor run
 	run/disk
 	EOT
     [ -f "$root/etc/opt/qor/cluster.xml" ]
