@@ -106,6 +106,9 @@ common_targets() {
 	0    | 0    | 192.0.2.10/24%veth:3
 	# other runs may change the routes
 	2    | 0    | 192.0.2.10/24%veth:3 <srcip><use>1</use></srcip>
+	# a guard may put others' IPv4 addresses back
+	2    | 2    | 192.0.2.10/24%veth:3 <guard><interface>1</interface></guard>
+	0    | 0    | 2001:db8::10/64%veth:3 <guard><interface>1</interface></guard>
 	EOT
     traced 4 'trusted mode'
 }

@@ -73,10 +73,11 @@ source "$BATS_TEST_DIRNAME/fip_helper.bash"
 	# code | told                               | usage | arguments
 	0      | Success.                           |       | --active -r fip1 -g g1
 	15     | This ip address was already used.  IP=192.0.2.10 |       | --active -r fip1 -g g1
-	29     | The run failed: see the trace log. |       | --add -a 192.0.2.10%veth/24
+	29     | The address is none.               |       | --add -a 192.0.2.10%veth/24
+	9      | The configuration gives the resource no address. | | --active -r none -g g1
 	4      | Option was invalid.                | shown | --bogus
 	4      | Option was invalid.                | shown
-	4      | The run failed: see the trace log. | shown | --add -r fip1
+	4      | The command line is wrong.         | shown | --add -r fip1
 	0      | The check passed.                  |       | --test fip1
 	1      | The check did not pass: see $log   |       | --test none
 	1      | The check did not pass: see $log   | shown | --test
