@@ -99,7 +99,7 @@ common_targets() {
         activate 0
         found=$(grep -cF 'crit_ifconfig() succeeded.' "$trace" || true)
         deactivate 0
-        [ "$found $(grep -cF 'crit_ifconfig() succeeded.' "$trace")" = "$up $down" ] || fail
+        [ "$found $(grep -cF 'crit_ifconfig() succeeded.' "$trace")" = "$up $down" ] || fail "$found"
     done <<-EOT
 	# up | down | resource
 	2    | 2    | 192.0.2.10/24%veth

@@ -42,7 +42,7 @@ bool uses_source_routing(const FIP_INFO &info)
 }
 
 /// Makes sure that no other host answers on the address, unless the node's npsimu flag says to skip that.
-/// *asked tells whether it was found out.
+/// *asked tells whether it was found out, be the answer overridden or not.
 int check_duplicate(FIP_INFO *info, bool *asked)
 {
     if (info->pingtout == 0) {
@@ -66,7 +66,7 @@ int check_duplicate(FIP_INFO *info, bool *asked)
 /// removal puts others' addresses back.
 bool is_trusted(const FIP_INFO &info)
 {
-    const bool trusted = fullnotation != 0 && !uses_source_routing(info) && practice.guardif == 0;
+    const bool trusted = fullnotation != 0 && !uses_source_routing(info) && !fip_is_guarded();
     if (trusted) {
         TRACE_AS(self, TRACE_DEBUG, "trusted mode");
     }
