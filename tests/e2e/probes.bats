@@ -41,6 +41,9 @@ ping='<ping><timeout>1</timeout><retry>1</retry></ping>'
         layout $layout
         ip -n "$there" link set veth up
         goes "192.0.2.10/24 $mii" 0 'veth:0|Success.' "$alias0"
+        activate 0
+        traced 4 'check NIC link success.'
+        deactivate 0
         goes "2001:db8::10 $mii" 0 'veth|Success.' 'veth inet6 2001:db8::10/64 scope global'
         goes "192.0.2.10 $mii<defmethod>3</defmethod>" 36 '|Failed to get NIC status.'
         goes "192.0.2.10 $mii<defmethod>1</defmethod>" 99 '|Internal error. (status=99)'
