@@ -44,6 +44,7 @@ stands() { [[ "$(ip -n "$here" -o address show to 2001:db8::10 | grep . || echo 
     cluster 'fip1 2001:db8::10/64%veth <ping><timeout>1</timeout><force>1</force></ping>'
     activate 0
     traced 8 'fip_await_dad()  ENTRY...'
+    [ "$(grep -cF 'sem_entercrit_ifconfig() succeeded.' "$trace")" -eq 2 ] || fail 'it has no turn behind the wait'
 }
 
 @test "other runs have their turn while DAD is waited for, and may take the address off" {

@@ -2,6 +2,7 @@
 
 #include "chklog.h"
 #include "chkutil.h"
+#include "fip/conf_check.h"
 #include "fip_fixture.h"
 
 using ChkTest = FipTest;
@@ -46,4 +47,12 @@ TEST_F(ChkTest, WritesLog_CutWhereLineIsTooLong)
     EXPECT_EQ(chk_log_term("fip", long_name.c_str()), 0);
     EXPECT_EQ(read_file(file), "I [123] four\nE [007] ß\\n\\x1b[2J\nE [007] " + std::string(1023, ' ') +
                                    "*****END" + frame + long_name.substr(0, 1021 - 8 - frame.size()) + "]\n");
+}
+
+TEST_F(ChkTest, TakesDraftsAddressApart_WithoutEffectOnTheRun)
+{
+    fullnotation = 0;
+    EXPECT_EQ(fip_fipaddr_check("fd00::1/64%eth0:1"), 0);
+    EXPECT_EQ(ipv6flag, 0);
+    EXPECT_EQ(fullnotation, 0);
 }
