@@ -1,4 +1,5 @@
 /// Any output of ifconfig, through both of its readers, in both families.
+#include "fip.h"
 #include "fip/ifconfig_output.h"
 #include "fuzz_input.h"
 #include "nicIfconfig.h"
