@@ -9,9 +9,14 @@
 #include <fstream>
 #include <functional>
 #include <iomanip>
+#include <map>
+#include <net/if.h>
+#include <numeric>
 #include <regex>
+#include <sched.h>
 #include <set>
 #include <sstream>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>

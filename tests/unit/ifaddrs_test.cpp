@@ -5,7 +5,6 @@
 #include "nicInventory.h"
 
 #include <ifaddrs.h>
-#include <numeric>
 #include <sys/syscall.h>
 
 // The kernel's list: an IPv6 address, and a hardware address A1 A2 A3 ... with a broadcast address of ones.

@@ -5,8 +5,6 @@
 #include "nicIfconfig.h"
 
 #include <linux/ipv6.h>
-#include <map>
-#include <net/if.h>
 #include <sys/ioctl.h>
 
 // A kernel that records what it is asked to change, and refuses one request with EIO.

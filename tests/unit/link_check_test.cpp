@@ -6,7 +6,6 @@
 #include <linux/ethtool.h>
 #include <linux/mii.h>
 #include <linux/sockios.h>
-#include <net/if.h>
 
 // What the driver answers: errors of three requests, registers, and the read that fails, counted from 1.
 struct {

@@ -4,10 +4,7 @@
 #include "fip/nd.h"
 #include "fip_fixture.h"
 
-#include <map>
 #include <net/if_arp.h>
-#include <numeric>
-#include <sched.h>
 
 // What happens right before a request of the type is sent; with the command "-" the request fails.
 struct {

@@ -3,7 +3,6 @@
 #include "home_fixture.h"
 
 #include <atomic>
-#include <sched.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
@@ -105,18 +104,6 @@ TEST_F(QorIpc, SharesTheFlagWithOtherProcesses)
     EXPECT_EQ(finish(start([] { return shmnm_setnpsimuflag(7) == 0; })), 0);
     EXPECT_EQ(shmnm_getnpsimuflag(&flag), 0);
     EXPECT_EQ(flag, 1);
-}
-
-TEST_F(QorIpc, KeepsEntriesToItsCapacity)
-{
-    const auto name = [](int i) { return std::to_string(i * 7 % 1024); };
-    for (int i = 0; i < 1024; ++i)
-        ASSERT_EQ(file(name(i), "text of " + name(i)), 0);
-    EXPECT_EQ(file("1024", "new"), SHMRM_ERR_MAXRSC);
-    EXPECT_EQ(file(name(1023), "new"), 0);
-    for (int i = 0; i < 1023; ++i)
-        ASSERT_EQ(entry(i), "g|fip|" + name(i) + "||text of " + name(i));
-    EXPECT_EQ(entry(1023), "g|fip|" + name(1023) + "||new");
 }
 
 TEST_F(QorIpc, GivesTextsWithAnEnd_WhateverTheTableHolds)

@@ -5,7 +5,6 @@
 
 #include <ctime>
 #include <sys/file.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <thread>

@@ -256,25 +256,14 @@ TEST_F(XmlTest, ReadsWhatIsLarge_RefusesWhatWouldBeCostly)
     }
 }
 
-TEST_F(XmlTest, IsStarted_ThenLoaded_AndStopped)
-{
-    const auto expect_none = [](const std::string &why) {
-        EXPECT_EQ(get("/r") + get("/r", text, "s") + get("/r", names), why + why + why);
-    };
-    expect_none("stopped");
-    EXPECT_EQ(xmllib_term(), QOR_XMLERR_NOT_INIT);
-    ASSERT_EQ(xmllib_init("fip"), QOR_XMLERR_SUCCESS);
-    expect_none("not loaded");
-    EXPECT_EQ(xmllib_unload_config(), QOR_XMLERR_NOT_LOAD);
-    EXPECT_EQ(xmllib_load_config(), QOR_XMLERR_INVALID_XML) << "no such file";
-    EXPECT_EQ(xmllib_term(), QOR_XMLERR_SUCCESS);
-    expect_none("stopped");
-}
-
 TEST_F(XmlTest, ChangesFromOneConfigurationToAnother)
 {
     void *handle = nullptr, *next = nullptr;
-    start("<r>running<w/></r>");
+    EXPECT_EQ(get("/r"), "stopped");
+    ASSERT_EQ(xmllib_init("fip"), QOR_XMLERR_SUCCESS);
+    EXPECT_EQ(get("/r"), "not loaded");
+    EXPECT_EQ(xmllib_unload_config(), QOR_XMLERR_NOT_LOAD);
+    start("<r>running<w/></r>"); // started already
     write("etc/cluster.xml", "<r");
     write("new.xml", "<r>new</r>");
     EXPECT_EQ(xmllib_load_config(), QOR_XMLERR_INVALID_XML);
@@ -284,12 +273,14 @@ TEST_F(XmlTest, ChangesFromOneConfigurationToAnother)
     expect({{"/r", "new"}, {"/r/w", "no path"}}); // the running configuration gives no defaults
     EXPECT_EQ(xmllib_unload_config(), QOR_XMLERR_SUCCESS);
     EXPECT_EQ(get("/r"), "new");
-    start("<r>again</r>"); // started already
+    start("<r>again</r>");
     EXPECT_EQ(get("/r"), "again");
     expect_all(QOR_XMLERR_SUCCESS, {xmllib_change_config(handle), xmllib_unload_pathconfig(handle)});
     EXPECT_EQ(get("/r"), "again");
     ASSERT_EQ(xmllib_load_pathconfig("new.xml", &next), QOR_XMLERR_SUCCESS);
     // An old handle stays invalid, even if its memory could be used again.
     expect_all(QOR_XMLERR_INVALID_HANDLE, {xmllib_change_config(handle), xmllib_unload_pathconfig(handle)});
+    EXPECT_EQ(xmllib_term(), QOR_XMLERR_SUCCESS);
+    EXPECT_EQ(get("/r"), "stopped");
 }
 } // namespace
