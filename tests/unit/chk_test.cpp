@@ -42,8 +42,7 @@ TEST_F(ChkTest, WritesLog_CutWhereLineIsTooLong)
     fs::resize_file(file, 0);
     EXPECT_EQ(chk_log_write(CHK_LEVEL_INFO, 123, "%s", "four"), 0);
     EXPECT_EQ(chk_log_write(CHK_LEVEL_INFO + 1, 7, "ß\n%s", "\x1b[2J"), 0); // no such level: an error's
-    EXPECT_EQ(chk_log_write(CHK_LEVEL_ERROR, 7, "%2000s", ""),
-              0); // fills its line, and has no newline for that
+    EXPECT_EQ(chk_log_write(CHK_LEVEL_ERROR, 7, "%2000s", ""), 0);          // leaves no room for a newline
     EXPECT_EQ(chk_log_term("fip", long_name.c_str()), 0);
     EXPECT_EQ(read_file(file), "I [123] four\nE [007] ß\\n\\x1b[2J\nE [007] " + std::string(1023, ' ') +
                                    "*****END" + frame + long_name.substr(0, 1021 - 8 - frame.size()) + "]\n");

@@ -146,7 +146,7 @@ TEST_F(QorIpc, ShowsOldOrNewText_WhenWritersAreKilledAtAnyInstant)
 TEST_F(QorIpc, RefusesUnsafeAndForeignFiles_CompletesUnfinishedOnes)
 {
     const std::pair<std::string, int> cases[] = {
-        // WHAT IS DONE TO THE TABLE | WHAT COMES OF ATTACHING IT
+        // WHAT IS DONE TO THE FILE, WHAT COMES OF ATTACHING IT
         {"chmod 644 resource.shm", 0}, // who may read it may lock it
         {"chmod 400 resource.shm", 0},
         {"chmod 602 resource.shm", SHMRM_ERR_SHMGET},
@@ -154,9 +154,8 @@ TEST_F(QorIpc, RefusesUnsafeAndForeignFiles_CompletesUnfinishedOnes)
         {"chown 65534 resource.shm", SHMRM_ERR_SHMGET},
         {"mv resource.shm x; ln -s x resource.shm", SHMRM_ERR_SHMGET},
         {"rm resource.shm; mkfifo -m 600 resource.shm", SHMRM_ERR_SHMGET},
-        {"printf X 1<>resource.shm", SHMRM_ERR_LOADINFO}, // the id's first byte
-        {R"(printf 'qor-rsc\0\1\0\0\0X' 1<>resource.shm)",
-         SHMRM_ERR_LOADINFO}, // the id's last part, the capacity
+        {"printf X 1<>resource.shm", SHMRM_ERR_LOADINFO},                       // the id's first byte
+        {R"(printf 'qor-rsc\0\1\0\0\0X' 1<>resource.shm)", SHMRM_ERR_LOADINFO}, // its capacity
         {"truncate -s -1 resource.shm", SHMRM_ERR_LOADINFO},
         {"truncate -s +1 resource.shm", SHMRM_ERR_LOADINFO},
         {"truncate -s 5 resource.shm", 0}, // the id in part
