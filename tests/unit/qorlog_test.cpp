@@ -155,6 +155,23 @@ TEST_F(QorLog, RefusesUnsafeNamesAndFiles)
     EXPECT_EQ(say("x"), EINVAL);
 }
 
+TEST_F(QorLog, TearsAndLosesNoLine_OfManyWriters)
+{
+    for (int writer = 0; writer < 8; ++writer)
+        if (fork() == 0) {
+            int ret = open_log();
+            for (int i = 0; ret == 0 && i < 500; ++i)
+                ret = say(std::string(40 + i % 300, static_cast<char>('a' + writer)));
+            _exit(ret);
+        }
+    for (int status = 0; wait(&status) > 0;)
+        EXPECT_EQ(status, 0);
+    const Texts all = texts(log);
+    EXPECT_EQ(all.size(), 8U * 500);
+    for (const std::string &text : all)
+        ASSERT_EQ(text, std::string(text.size(), text[0])) << "of one letter";
+}
+
 TEST_F(QorLog, GoesOn_WhenRivalsRotateDieOrStop)
 {
     ASSERT_EQ(open_log(8, 300), 0);
